@@ -1,0 +1,123 @@
+// Host stand-in for cuFFT's 2D single-precision real transforms, on FFTW.
+//
+// A cuFFT plan serves any buffers, in place or out of place; an FFTW plan is tied to one
+// placement and one alignment. So a handle keeps the size and type and makes the FFTW plan
+// for each placement and alignment it meets on first use, then executes it through FFTW's
+// new-array interface.
+#include "host_cufft.h"
+
+#include <fftw3.h>
+#include <omp.h>
+
+#include <map>
+#include <mutex>
+
+namespace {
+
+static_assert(sizeof(fftwf_complex) == sizeof(float2), "fftwf_complex and float2 must share a layout");
+
+// FFTW's planner is not thread safe; every plan is made and destroyed under this lock.
+std::mutex& planner_lock() {
+  static std::mutex lock;
+  return lock;
+}
+
+void init_fftw_threads_once() {
+  static std::once_flag once;
+  std::call_once(once, [] { fftwf_init_threads(); });
+}
+
+struct HostPlan {
+  int rows = 0;  // slow dimension
+  int cols = 0;  // fast dimension, in real samples
+  cufftType type = CUFFT_R2C;
+  fftwf_plan variants[2][2] = {{nullptr, nullptr}, {nullptr, nullptr}};  // [in place][unaligned]
+};
+
+std::map<cufftHandle, HostPlan>& plans() {
+  static std::map<cufftHandle, HostPlan> table;
+  return table;
+}
+cufftHandle g_next_handle = 1;
+
+fftwf_plan make_variant(const HostPlan& p, bool in_place, bool unaligned) {
+  const std::size_t half = static_cast<std::size_t>(p.rows) * (p.cols / 2 + 1);
+  const std::size_t real = in_place ? 2 * half : static_cast<std::size_t>(p.rows) * p.cols;
+  float* r = fftwf_alloc_real(real);
+  fftwf_complex* c = in_place ? reinterpret_cast<fftwf_complex*>(r) : fftwf_alloc_complex(half);
+  if (r == nullptr || c == nullptr) {
+    fftwf_free(r);
+    if (!in_place) fftwf_free(c);
+    return nullptr;
+  }
+  // Planning by estimate never touches the arrays, so the scratch is never written.
+  unsigned flags = FFTW_ESTIMATE | (unaligned ? FFTW_UNALIGNED : 0u);
+  fftwf_plan_with_nthreads(omp_get_max_threads());
+  fftwf_plan plan = p.type == CUFFT_R2C ? fftwf_plan_dft_r2c_2d(p.rows, p.cols, r, c, flags)
+                                        : fftwf_plan_dft_c2r_2d(p.rows, p.cols, c, r, flags);
+  fftwf_free(r);
+  if (!in_place) fftwf_free(c);
+  return plan;
+}
+
+// Finds the handle and the FFTW plan for these buffers, making it on first use.
+cufftResult variant_for(cufftHandle handle, cufftType type, const void* in, const void* out, fftwf_plan* result) {
+  std::lock_guard<std::mutex> guard(planner_lock());
+  auto it = plans().find(handle);
+  if (it == plans().end()) return CUFFT_INVALID_PLAN;
+  HostPlan& p = it->second;
+  if (p.type != type) return CUFFT_INVALID_VALUE;
+  if (in == nullptr || out == nullptr) return CUFFT_INVALID_VALUE;
+  const bool in_place = in == out;
+  const bool unaligned = fftwf_alignment_of(const_cast<float*>(static_cast<const float*>(in))) != 0 ||
+                         fftwf_alignment_of(const_cast<float*>(static_cast<const float*>(out))) != 0;
+  fftwf_plan& slot = p.variants[in_place][unaligned];
+  if (slot == nullptr) slot = make_variant(p, in_place, unaligned);
+  if (slot == nullptr) return CUFFT_ALLOC_FAILED;
+  *result = slot;
+  return CUFFT_SUCCESS;
+}
+
+}  // namespace
+
+cufftResult cufftPlan2d(cufftHandle* plan, int nx, int ny, cufftType type) {
+  if (plan == nullptr) return CUFFT_INVALID_VALUE;
+  if (type != CUFFT_R2C && type != CUFFT_C2R) return CUFFT_INVALID_TYPE;
+  if (nx < 1 || ny < 1) return CUFFT_INVALID_SIZE;
+  init_fftw_threads_once();
+  std::lock_guard<std::mutex> guard(planner_lock());
+  HostPlan p;
+  p.rows = nx;
+  p.cols = ny;
+  p.type = type;
+  *plan = g_next_handle++;
+  plans()[*plan] = p;
+  return CUFFT_SUCCESS;
+}
+
+cufftResult cufftExecR2C(cufftHandle plan, cufftReal* in, cufftComplex* out) {
+  fftwf_plan p = nullptr;
+  cufftResult r = variant_for(plan, CUFFT_R2C, in, out, &p);
+  if (r != CUFFT_SUCCESS) return r;
+  fftwf_execute_dft_r2c(p, in, reinterpret_cast<fftwf_complex*>(out));
+  return CUFFT_SUCCESS;
+}
+
+cufftResult cufftExecC2R(cufftHandle plan, cufftComplex* in, cufftReal* out) {
+  fftwf_plan p = nullptr;
+  cufftResult r = variant_for(plan, CUFFT_C2R, in, out, &p);
+  if (r != CUFFT_SUCCESS) return r;
+  fftwf_execute_dft_c2r(p, reinterpret_cast<fftwf_complex*>(in), out);
+  return CUFFT_SUCCESS;
+}
+
+cufftResult cufftDestroy(cufftHandle plan) {
+  std::lock_guard<std::mutex> guard(planner_lock());
+  auto it = plans().find(plan);
+  if (it == plans().end()) return CUFFT_INVALID_PLAN;
+  for (auto& by_alignment : it->second.variants)
+    for (fftwf_plan v : by_alignment)
+      if (v != nullptr) fftwf_destroy_plan(v);
+  plans().erase(it);
+  return CUFFT_SUCCESS;
+}

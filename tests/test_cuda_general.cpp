@@ -1,0 +1,162 @@
+// Device choice, memory, fills, flag values, file access and the report forms.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "cuda_general/cuda_general.h"
+#include "cuda_general/report.h"
+
+namespace {
+
+TEST(DeviceChoice, ExistingDeviceIsSelected) {
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(check_and_set_gid(0), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "using GPU 0 ...\n");
+}
+
+TEST(DeviceChoice, MissingDeviceIsFatal) {
+  EXPECT_EXIT(check_and_set_gid(97), testing::ExitedWithCode(1),
+              "");  // message goes to stdout; the status is what a pipeline sees
+  EXPECT_EXIT(check_gid(97), testing::ExitedWithCode(1), "");
+}
+
+TEST(DeviceChoice, AutoFallsBackToBestDevice) {
+  int gid = 97;
+  EXPECT_EQ(auto_check_and_set_gid(gid), 0);
+  EXPECT_EQ(gid, 0);
+}
+
+TEST(DeviceMemory, FillWritesExactlyNElements) {
+  const unsigned long n = 1025, pad = 64;
+  float* d = nullptr;
+  safe_cudaMalloc_empty(&d, (n + pad) * sizeof(float));
+  hcuda_memset_f32(d, 2.5f, n);
+  std::vector<float> h(n + pad, -1.0f);
+  ASSERT_EQ(memcpy_D2H(h.data(), d, h.size() * sizeof(float)), cudaSuccess);
+  for (unsigned long i = 0; i < n; ++i) ASSERT_EQ(h[i], 2.5f) << i;
+  for (unsigned long i = n; i < n + pad; ++i) ASSERT_EQ(h[i], 0.0f) << i;
+  hcuda_empty_f32(d, n);
+  ASSERT_EQ(memcpy_D2H(h.data(), d, n * sizeof(float)), cudaSuccess);
+  for (unsigned long i = 0; i < n; ++i) ASSERT_EQ(h[i], 0.0f);
+  cudaFree(d);
+}
+
+TEST(DeviceMemory, IntegerAndDoubleFillsRoundTrip) {
+  const unsigned long n = 3000;
+  unsigned int* du = nullptr;
+  double* dd = nullptr;
+  safe_cudaMalloc(&du, n * sizeof(unsigned int));
+  safe_cudaMalloc(&dd, n * sizeof(double));
+  hcuda_memset_uint(du, 0xdeadbeefu, n);
+  hcuda_memset_f64(dd, -1.25, n);
+  std::vector<unsigned int> hu(n);
+  std::vector<double> hd(n);
+  ASSERT_EQ(memcpy_D2H(hu.data(), du, n * sizeof(unsigned int)), cudaSuccess);
+  ASSERT_EQ(memcpy_D2H(hd.data(), dd, n * sizeof(double)), cudaSuccess);
+  EXPECT_EQ(hu.front(), 0xdeadbeefu);
+  EXPECT_EQ(hu.back(), 0xdeadbeefu);
+  EXPECT_EQ(hd.back(), -1.25);
+  cudaFree(du);
+  cudaFree(dd);
+}
+
+struct Args {
+  std::vector<std::string> words;
+  std::vector<char*> ptrs;
+  explicit Args(std::vector<std::string> w) : words(std::move(w)) {
+    for (auto& s : words) ptrs.push_back(&s[0]);
+  }
+  int argc() const { return static_cast<int>(ptrs.size()); }
+  char** argv() { return ptrs.data(); }
+};
+
+TEST(BoolKeyword, ValueRules) {
+  Args a({"pickora", "--flag", "0", "--flag", "-x", "--flag", "2", "--flag"});
+  int value = -1, index = 1;
+  get_bool_keyword(a.argc(), a.argv(), value, index);
+  EXPECT_EQ(value, 0);
+  EXPECT_EQ(index, 2);  // "0" consumed
+  index = 3;
+  get_bool_keyword(a.argc(), a.argv(), value, index);
+  EXPECT_EQ(value, 1);
+  EXPECT_EQ(index, 3);  // an option follows: nothing consumed
+  index = 5;
+  get_bool_keyword(a.argc(), a.argv(), value, index);
+  EXPECT_EQ(value, 1);
+  EXPECT_EQ(index, 6);  // "2" is a value and means on
+  index = 7;
+  value = 0;
+  get_bool_keyword(a.argc(), a.argv(), value, index);
+  EXPECT_EQ(value, 1);  // last argument
+  EXPECT_EQ(index, 7);
+}
+
+TEST(BoolKeyword, LetterStartsAFileNameNotAValue) {
+  Args a({"pickora", "--flag", "mic.mrc"});
+  int value = 0, index = 1;
+  get_bool_keyword(a.argc(), a.argv(), value, index);
+  EXPECT_EQ(value, 1);
+  EXPECT_EQ(index, 1);
+}
+
+TEST(FileAccess, LettersAndMessages) {
+  EXPECT_EQ(check_file_access("/definitely/not/here.mrc", ""), 0);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(check_file_access("/definitely/not/here.mrc", "FR"), -1);
+  std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_NE(out.find("the file /definitely/not/here.mrc does NOT exist! Automatically ignored!"), std::string::npos);
+  EXPECT_EQ(out.find("NOT readable"), std::string::npos);
+  EXPECT_EQ(out.rfind("\033[43m\033[1m\033[5mWarning in function check_file_access(), file src/cuda_general on line ", 0),
+            0u)
+      << out;
+
+  char path[] = "/tmp/pickora_access_XXXXXX";
+  int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  EXPECT_EQ(check_file_access(path, "fr"), 0);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(check_file_access(path, "Fq"), -1);
+  out = testing::internal::GetCapturedStdout();
+  EXPECT_NE(out.find("the mode 'q' for checking access of file"), std::string::npos);
+  EXPECT_NE(out.find("are NOT recoganized!"), std::string::npos);
+  std::remove(path);
+}
+
+TEST(Reports, CufftTextTable) {
+  EXPECT_STREQ(cufft_error_text(0), "CUFFT_SUCCESS, cuFFT operation was successful");
+  EXPECT_STREQ(cufft_error_text(10), "CUFFT_INCOMPLETE_PARAMETER_LIST,  Missing parameters in call");
+  EXPECT_STREQ(cufft_error_text(15), "CUFFT_LICENSE_ERROR, Used in previous versions.");
+  EXPECT_STREQ(cufft_error_text(16), "Unknown error");
+  EXPECT_STREQ(cufft_error_text(-1), "Unknown error");
+}
+
+TEST(Reports, ModulePathFromSourceFile) {
+  EXPECT_STREQ(report_module_path("/home/u/pickora/src/cuda_general/cuda_general.cu"), "src/cuda_general");
+  EXPECT_STREQ(report_module_path("src/boxfile/boxfile.cpp"), "src/boxfile");
+  EXPECT_STREQ(report_module_path("/x/applications/pickora56/main.cpp"), "applications/pickora56");
+  // A checkout that itself sits below a folder named src keeps the innermost module.
+  EXPECT_STREQ(report_module_path("/src/build/src/mrcfile/mrc_read.cpp"), "src/mrcfile");
+}
+
+TEST(Reports, FormsAndExitStatus) {
+  testing::internal::CaptureStdout();
+  report_warning("f", "/a/src/boxfile/x.cpp", 12, "Too small sum of mask!!");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "\033[43mWarning in function f(), file src/boxfile on line 12:Too small sum of mask!!\n\033[m");
+  testing::internal::CaptureStdout();
+  report_strong_attention("g", "src/mrcfile/y.cpp", 7, "look");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "\033[41m\033[1m\033[5mWarning in function g(), file src/mrcfile on line 7: look\033[m\n\n");
+  EXPECT_EXIT(report_fatal("h", "src/txt_file/z.cpp", 3, "Cannot read %s", "a.mrc"), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT(report_cufft_check(static_cast<cufftResult>(16), "src/cuda_fft/f.cu", 9), testing::ExitedWithCode(1),
+              "Error Unknown error at line 9 in file src/cuda_fft\n");
+  EXPECT_EXIT(report_device_check(cudaErrorMemoryAllocation, "src/cuda_fft/f.cu", 9), testing::ExitedWithCode(1),
+              "Error .* at line 9 in file src/cuda_fft\n");
+}
+
+}  // namespace
