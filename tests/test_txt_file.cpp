@@ -4,12 +4,12 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <type_traits>
 #include <vector>
 
+#include "support/temp_file.h"
 #include "txt_file/arrays_strings.h"
 #include "txt_file/txt_file.h"
 
@@ -21,23 +21,6 @@ extern "C" size_t strlcpy(char* dst, const char* src, size_t size) noexcept;
 #endif
 
 namespace {
-
-// A temporary file with the given bytes, removed at the end of the scope.
-struct TempFile {
-  std::string path;
-  explicit TempFile(const std::string& text, const char* suffix = ".txt") {
-    char name[] = "/tmp/pickora_txtXXXXXX";
-    int fd = mkstemp(name);
-    EXPECT_GE(fd, 0);
-    close(fd);
-    std::remove(name);
-    path = std::string(name) + suffix;
-    FILE* fp = std::fopen(path.c_str(), "wb");
-    std::fwrite(text.data(), 1, text.size(), fp);
-    std::fclose(fp);
-  }
-  ~TempFile() { std::remove(path.c_str()); }
-};
 
 TEST(Strlcpy, TwoArgumentFormClearsAndCopies) {
   char dst[PICKORA_NAME_LEN];
