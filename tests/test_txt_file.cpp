@@ -170,6 +170,25 @@ TEST(Lines, LongLineIsReadInPieces) {
   std::fclose(fp);
 }
 
+TEST(Lines, WholeLineDropsTheRestOfALongLine) {
+  const std::string exact(1023, 'e');
+  TempFile f(std::string(1500, 'a') + "\n" + exact + "\nlast");
+  FILE* fp = std::fopen(f.path.c_str(), "r");
+  char line[PICKORA_LINE_LEN];
+  bool cut = false;
+  EXPECT_EQ(read_whole_line(line, fp, &cut), 1);
+  EXPECT_TRUE(cut);
+  EXPECT_EQ(std::string(line), std::string(1023, 'a'));
+  EXPECT_EQ(read_whole_line(line, fp, &cut), 1);
+  EXPECT_FALSE(cut);
+  EXPECT_EQ(std::string(line), exact);
+  EXPECT_EQ(read_whole_line(line, fp, nullptr), 1);
+  EXPECT_STREQ(line, "last");
+  EXPECT_EQ(read_whole_line(line, fp, &cut), 0);
+  EXPECT_FALSE(cut);
+  std::fclose(fp);
+}
+
 TEST(Lines, LongBufferForm) {
   const std::string body(12000, 'b');
   TempFile f(body);

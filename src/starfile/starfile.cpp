@@ -146,20 +146,6 @@ int column_number_of(const char* hash_token) {
   return static_cast<int>(value);
 }
 
-// Reads the next line into the 1024-byte buffer, as next_text_line does, but a line longer than
-// 1023 characters is consumed to its end: the buffer keeps its first 1023 characters and whole
-// is false. Returns false at end of file.
-bool next_star_line(char* line, FILE* fp, bool& whole) {
-  whole = true;
-  if (!next_text_line(line, fp)) return false;
-  if (line[PICKORA_LINE_LEN - 2] == '\0' || line[PICKORA_LINE_LEN - 2] == '\n') return true;
-  int c = std::fgetc(fp);
-  if (c == EOF || c == '\n') return true;  // exactly 1023 characters
-  whole = false;
-  while (c != EOF && c != '\n') c = std::fgetc(fp);
-  return true;
-}
-
 // Walks from the start of the file over the lines of the head grammar's kinds 1 to 3, to the
 // start of data row `row` or to the end of the file. Returns the number of data rows passed.
 long walk_to_row(FILE* fp, long row) {
@@ -167,9 +153,9 @@ long walk_to_row(FILE* fp, long row) {
   char line[PICKORA_LINE_LEN];
   char* tokens[2];
   long rows = 0;
-  for (bool whole;;) {
+  for (;;) {
     const long start = std::ftell(fp);
-    if (!next_star_line(line, fp, whole)) break;
+    if (!read_whole_line(line, fp, nullptr)) break;
     if (classify(line, tokens) != LineKind::kOther) continue;
     if (rows >= row && row >= 0) {
       std::fseek(fp, start, SEEK_SET);
@@ -211,8 +197,7 @@ int star_read_head(FILE* fp, StarHead* head) {
   std::rewind(fp);
   char line[PICKORA_LINE_LEN];
   char* tokens[2];
-  bool whole;
-  for (int i = 0; i < STAR_HEAD_MAX_LINES && next_star_line(line, fp, whole); ++i) {
+  for (int i = 0; i < STAR_HEAD_MAX_LINES && read_whole_line(line, fp, nullptr); ++i) {
     const LineKind kind = classify(line, tokens);
     if (kind == LineKind::kOther) break;
     if (kind != LineKind::kLabel) continue;
@@ -295,9 +280,9 @@ int is_words_starhead(char** words, int count) {
 }
 
 int star_read_row(FILE* fp, char* line, char** tokens, int column_count) {
-  bool whole;
-  if (!next_star_line(line, fp, whole)) return -1;
-  if (!whole || column_count < 1 || is_str_null(line)) return 0;
+  bool cut;
+  if (!read_whole_line(line, fp, &cut)) return -1;
+  if (cut || column_count < 1 || is_str_null(line)) return 0;
   char probe[PICKORA_LINE_LEN];
   char* probe_tokens[2];
   std::memcpy(probe, line, PICKORA_LINE_LEN);
