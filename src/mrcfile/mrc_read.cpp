@@ -78,6 +78,17 @@ void read_samples(FILE* stream, int mode, float* dst, size_t count) {
   }
 }
 
+// Bytes of nx x ny x nz samples of `sample` bytes, or -1 when a size is negative or the
+// product does not fit 64 bits: a corrupt head must not wrap around into a small number.
+int64_t data_bytes(const MRC_HEAD* head, int64_t sample) {
+  if (head->nx < 0 || head->ny < 0 || head->nz < 0) return -1;
+  int64_t bytes = 0;
+  if (__builtin_mul_overflow(int64_t{head->nx}, int64_t{head->ny}, &bytes) ||
+      __builtin_mul_overflow(bytes, int64_t{head->nz}, &bytes) || __builtin_mul_overflow(bytes, sample, &bytes))
+    return -1;
+  return bytes;
+}
+
 // Stops the run when the head's sizes can't describe data that this module can hold.
 void require_sane_sizes(FILE* stream, const MRC_HEAD* head, const char* func, int line) {
   const int64_t nx = head->nx, ny = head->ny, nz = head->nz;
@@ -85,8 +96,10 @@ void require_sane_sizes(FILE* stream, const MRC_HEAD* head, const char* func, in
     report_fatal(func, __FILE__, line, "MRC file %s has sizes %d x %d x %d in its head; all must be positive",
                  stream_name(stream), head->nx, head->ny, head->nz);
   }
-  const int64_t slice_bytes = nx * ny * 4;
-  if (slice_bytes >= INT_MAX || nx * ny * nz >= static_cast<int64_t>(UINT_MAX)) {
+  // One slice's bytes and the whole count of samples are formed in 32 bits elsewhere.
+  const int64_t slice_samples = nx * ny;  // below 2^62: both are 31-bit
+  const int64_t samples = data_bytes(head, 1);
+  if (slice_samples >= INT_MAX / 4 || samples < 0 || samples >= static_cast<int64_t>(UINT_MAX)) {
     report_fatal(func, __FILE__, line, "MRC file %s has sizes %d x %d x %d in its head, too large to read",
                  stream_name(stream), head->nx, head->ny, head->nz);
   }
@@ -104,9 +117,9 @@ void require_length(FILE* stream, const MRC_HEAD* head, int64_t needed, const ch
                static_cast<long long>(length));
 }
 
+// Call after require_sane_sizes, which bounds the product.
 void require_all_data(FILE* stream, const MRC_HEAD* head, const char* func, int line) {
-  const int64_t bytes = mrc_sample_bytes(head->mode);
-  require_length(stream, head, 1024 + int64_t{head->nx} * head->ny * head->nz * bytes, "its data", func, line);
+  require_length(stream, head, 1024 + data_bytes(head, mrc_sample_bytes(head->mode)), "its data", func, line);
 }
 
 void require_float_mode(const MRC_HEAD* head) {
@@ -214,8 +227,8 @@ int mrc_check_fsize(FILE* stream, const MRC_HEAD* head) {
   }
   std::fseek(stream, 0, SEEK_END);
   const int64_t length = std::ftell(stream);
-  const int64_t expected = int64_t{head->nx} * head->ny * head->nz * ss;
-  if (length - 1024 == expected) return 0;
+  const int64_t expected = data_bytes(head, ss);
+  if (expected >= 0 && length - 1024 == expected) return 0;
   std::printf("File size %ld  %d xyz %ld", static_cast<long>(length), static_cast<int>(ss), static_cast<long>(expected));
   PK_WARNING("File size error!!");
   return -1;
