@@ -14,7 +14,8 @@
 // neighbours first: s[2kt] = s[2kt + k] + s[2kt] for k = 1, 2, 4, ... below B.
 //
 // Everything is single precision. `block` is B; callers pass 1024. It must be a power of two
-// up to 1024 (at least 2 for the sum1 family); anything else ends the process.
+// up to 1024 (at least 2 for the sum1 family); anything else ends the process. An empty array
+// (n of 0) sums to 0.0 with nothing launched and nothing read.
 #pragma once
 
 #include <math.h>
