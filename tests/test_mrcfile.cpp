@@ -329,7 +329,7 @@ TEST(MrcWrite, RoundTripStatisticsAndExactSize) {
   write_file_text(path, std::string(5000, 'x'));  // an existing file is replaced
   auto data = ramp(5 * 3 * 2, 0.5f);
   mrcf_write_xyz_data(path.c_str(), data.data(), 5, 3, 2);
-  EXPECT_EQ(read_file_bytes(path).size(), 1024u + 30u * 4u);
+  EXPECT_EQ(read_binary_file(path).size(), 1024u + 30u * 4u);
   MRC_HEAD h;
   std::vector<float> back(30);
   mrcf_get_head_data(path.c_str(), &h, back.data());
@@ -378,7 +378,7 @@ TEST(MrcWrite, HeadFieldSetters) {
   EXPECT_NE(testing::internal::GetCapturedStdout().find(":MRC format problem! Check file format!\n!\n\033[m"),
             std::string::npos);
   std::fclose(f);
-  auto bytes = read_file_bytes(dir.file("h.mrc"));
+  auto bytes = read_binary_file(dir.file("h.mrc"));
   ASSERT_EQ(bytes.size(), 1024u);
   EXPECT_EQ(std::memcmp(bytes.data(), &h, 1024), 0);  // written unchanged
 }
@@ -402,9 +402,9 @@ TEST(MrcWrite, AppendingImages) {
   mrc_read_slice(f, &h, 2, 'z', slice.data());
   EXPECT_EQ(slice[0], more[6]);
   std::fclose(f);
-  const auto bytes = read_file_bytes(path);
+  const auto bytes = read_binary_file(path);
   EXPECT_EXIT(mrcf_add_xyz_data(path.c_str(), more.data(), 2, 3, 1), testing::ExitedWithCode(1), "");
-  EXPECT_EQ(read_file_bytes(path), bytes);  // the file stays as it was
+  EXPECT_EQ(read_binary_file(path), bytes);  // the file stays as it was
 }
 
 TEST(MrcWrite, UnwritableFolderIsFatal) {
@@ -424,7 +424,7 @@ TEST(MrcWrite, UpdateHeadRecomputesStatistics) {
   EXPECT_EQ(h.amin, -2.0f);
   EXPECT_EQ(h.amax, 8.0f);
   EXPECT_EQ(h.amean, 3.0f);
-  EXPECT_EQ(read_file_bytes(path).size(), 1024u + 8u);
+  EXPECT_EQ(read_binary_file(path).size(), 1024u + 8u);
 }
 
 // An independent reader and writer of the format checks ours both ways.
@@ -445,7 +445,7 @@ TEST(MrcInterop, PythonMrcfileAgrees) {
     ASSERT_EQ(h.nx, 7);
     ASSERT_EQ(h.ny, 5);
     ASSERT_EQ(h.nz, 3);
-    const auto expected = read_file_bytes(name + ".f32");
+    const auto expected = read_binary_file(name + ".f32");
     ASSERT_EQ(expected.size(), back.size() * 4);
     EXPECT_EQ(std::memcmp(expected.data(), back.data(), expected.size()), 0) << "mode " << mode;
   }

@@ -19,7 +19,7 @@ class TempDir {
 };
 
 // Whole-file helpers for tests that look at bytes.
-std::vector<unsigned char> read_file_bytes(const std::string& path);
+std::vector<unsigned char> read_binary_file(const std::string& path);
 void write_file_bytes(const std::string& path, const std::vector<unsigned char>& bytes);
 std::string read_file_text(const std::string& path);
 void write_file_text(const std::string& path, const std::string& text);
