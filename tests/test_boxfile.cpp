@@ -2,8 +2,6 @@
 // record utilities and the neighbour and grid generators.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +10,7 @@
 #include <vector>
 
 #include "boxfile/ptcl_box.h"
+#include "support/exit_report.h"
 #include "support/temp_file.h"
 
 namespace {
@@ -86,42 +85,28 @@ TEST(BoxFile, ProgramsOwnRows) {
   EXPECT_EQ(boxes[1].psi, 0.0f);
 }
 
-TEST(BoxFile, BlankLinesArePassedOver) {
-  auto boxes = dirty(4);
+TEST(BoxFile, BlankLinesEmptyFilesAndCapacity) {
+  auto boxes = dirty(5);
   ASSERT_EQ(read("\n1 2 3 4\n   \n\t\r\n5 6 7 8", ".box", boxes), 2);
   EXPECT_EQ(boxes[1].x, 5);
   EXPECT_EQ(boxes[1].h, 8);
-}
-
-TEST(BoxFile, ShortLineIsFatal) {
-  TempFile f("1 2 3 4\n1 2 3\n", ".box");
-  std::vector<PTCL_BOX> boxes(4);
-  EXPECT_EXIT(
-      {
-        dup2(2, 1);
-        read_all_ptcl_boxes(boxes.data(), 4, f.path.c_str());
-      },
-      testing::ExitedWithCode(1), "Error in function read_all_ptcl_boxes\\(\\), file src/boxfile on line [0-9]+: "
-                                  "unrecognized box format!! Exit now!");
-}
-
-TEST(BoxFile, EmptyFileLeavesTheArrayCleared) {
-  auto boxes = dirty(3);
+  boxes = dirty(3);
   EXPECT_EQ(read("", ".box", boxes), 0);
-  for (const PTCL_BOX& b : boxes) {
-    EXPECT_EQ(b.x, 0);
-    EXPECT_EQ(b.w, 0);
-    EXPECT_EQ(b.psi, 0.0f);
-  }
-}
-
-TEST(BoxFile, StopsAtTheCapacity) {
-  auto boxes = dirty(5);
+  for (const PTCL_BOX& b : boxes) EXPECT_TRUE(b.x == 0 && b.w == 0 && b.psi == 0.0f);
+  boxes = dirty(5);
   TempFile f("1 1 1 1\n2 2 2 2\n3 3 3 3\n4 4 4 4\n", ".box");
   EXPECT_EQ(read_all_ptcl_boxes(boxes.data(), 2, f.path.c_str()), 2);
   EXPECT_EQ(boxes[1].x, 2);
   EXPECT_EQ(boxes[2].x, -99);  // outside the capacity: untouched
   EXPECT_EQ(read_all_ptcl_boxes(boxes.data(), 0, f.path.c_str()), 0);
+}
+
+TEST(BoxFile, ShortLineIsFatal) {
+  TempFile f("1 2 3 4\n1 2 3\n", ".box");
+  std::vector<PTCL_BOX> boxes(4);
+  EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 4, f.path.c_str()),
+                     "Error in function read_all_ptcl_boxes\\(\\), file src/boxfile on line [0-9]+: "
+                     "unrecognized box format!! Exit now!");
 }
 
 TEST(BoxFile, SuffixIsExactAndCaseSensitive) {
@@ -144,21 +129,12 @@ TEST(BoxFile, SuffixIsExactAndCaseSensitive) {
 
 TEST(BoxFile, MissingFileIsFatal) {
   std::vector<PTCL_BOX> boxes(1);
-  EXPECT_EXIT(
-      {
-        dup2(2, 1);
-        read_all_ptcl_boxes(boxes.data(), 1, "/nonexistent/m.box");
-      },
-      testing::ExitedWithCode(1),
-      "Cannot open file /nonexistent/m.box. Permission denied or wrong file name.\n.*"
-      "Error in function read_all_ptcl_boxes\\(\\), file src/boxfile on line [0-9]+: "
-      "open file '/nonexistent/m.box' failed.! Exit now!");
-  EXPECT_EXIT(
-      {
-        dup2(2, 1);
-        get_ptcl_number_from_boxf("/nonexistent/m.box");
-      },
-      testing::ExitedWithCode(1), "Cannot open file /nonexistent/m.box!\n.*open file failed.! Exit now!");
+  EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 1, "/nonexistent/m.box"),
+                     "Cannot open file /nonexistent/m.box. Permission denied or wrong file name.\n.*"
+                     "Error in function read_all_ptcl_boxes\\(\\), file src/boxfile on line [0-9]+: "
+                     "open file '/nonexistent/m.box' failed.! Exit now!");
+  EXPECT_EXIT_REPORT(get_ptcl_number_from_boxf("/nonexistent/m.box"),
+                     "Cannot open file /nonexistent/m.box!\n.*open file failed.! Exit now!");
 }
 
 TEST(StarCoordinates, DecimalsGiveTheirIntegerPart) {
@@ -180,8 +156,9 @@ TEST(StarCoordinates, ProgramsOwnStarFile) {
   // The head and row format the picker writes: centre x, centre y, psi, class, figure of merit.
   char row[128];
   std::snprintf(row, sizeof row, "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", 2000, 1200, 33.5f, 2, 0.875f);
-  const std::string text = std::string("\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
-                                       "_rlnClassNumber #4\n_rlnAutopickFigureOfMerit #5\n") +
+  const std::string text = std::string(
+                               "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
+                               "_rlnClassNumber #4\n_rlnAutopickFigureOfMerit #5\n") +
                            row;
   auto boxes = dirty(2);
   ASSERT_EQ(read(text, "_pickora.star", boxes), 1);
@@ -210,21 +187,13 @@ TEST(StarCoordinates, TableWithoutCoordinatesIsRefused) {
   std::vector<PTCL_BOX> boxes(10);
   for (const char* file : {"autopick_summary.star", "micrographs_optics.star"}) {
     const std::string path = kRelion + file;
-    EXPECT_EXIT(
-        {
-          dup2(2, 1);
-          read_all_ptcl_boxes(boxes.data(), 10, path.c_str());
-        },
-        testing::ExitedWithCode(1), "read_all_ptcl_boxes.*has no usable _rlnCoordinateX column.*Exit now!")
+    EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 10, path.c_str()),
+                       "read_all_ptcl_boxes.*has no usable _rlnCoordinateX column.*Exit now!")
         << file;
   }
   TempFile only_x("data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #3\n1 2\n", ".star");  // #3 of 2 columns
-  EXPECT_EXIT(
-      {
-        dup2(2, 1);
-        read_all_ptcl_boxes(boxes.data(), 10, only_x.path.c_str());
-      },
-      testing::ExitedWithCode(1), "has no usable _rlnCoordinateY column");
+  EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 10, only_x.path.c_str()),
+                     "has no usable _rlnCoordinateY column");
 }
 
 TEST(Resize, KeepsTheCentre) {
@@ -320,8 +289,9 @@ TEST(Printing, WholeArrayToAFileAndTheLimit) {
   all[PTCL_BOX_MAX - 1].w = all[PTCL_BOX_MAX - 1].h = 4;
   TempFile f("", ".box");
   fprint_all_ptcl_boxes(f.path.c_str(), all);
-  EXPECT_EQ(read_file_bytes(f.path), "1       0       2       2       0.000000        0       0.000000\n"
-                                     "9       0       4       4       0.000000        0       0.000000\n");
+  EXPECT_EQ(read_file_bytes(f.path),
+            "1       0       2       2       0.000000        0       0.000000\n"
+            "9       0       4       4       0.000000        0       0.000000\n");
   std::vector<PTCL_BOX> back(4);
   EXPECT_EQ(read_all_ptcl_boxes(back.data(), 4, f.path.c_str()), 2);  // the printed form reads back
   EXPECT_EQ(back[1].w, 4);
@@ -330,12 +300,8 @@ TEST(Printing, WholeArrayToAFileAndTheLimit) {
   EXPECT_NE(testing::internal::GetCapturedStdout().find("Too many particle numbers!!"), std::string::npos);
   EXPECT_EQ(all[PTCL_BOX_MAX - 1].x, 0);
   std::free(all);
-  EXPECT_EXIT(
-      {
-        dup2(2, 1);
-        fprint_all_ptcl_boxes("/nonexistent/dir/o.box", nullptr);
-      },
-      testing::ExitedWithCode(1), "Cannot open file /nonexistent/dir/o.box. strike any key exit!");
+  EXPECT_EXIT_REPORT(fprint_all_ptcl_boxes("/nonexistent/dir/o.box", nullptr),
+                     "Cannot open file /nonexistent/dir/o.box. strike any key exit!");
 }
 
 TEST(Neighbours, CircleOfGridPoints) {
