@@ -59,3 +59,19 @@ file(GLOB PICKORA_MAIN_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/applicati
 if(PICKORA_MAIN_SOURCES)
   pickora_add_executable(pickora ${PICKORA_MAIN_SOURCES})
 endif()
+
+# Companion tools: every folder tools/NAME with .cpp files becomes the executable pickora-NAME,
+# on the CPU backend (the tools do their own work on the host).
+file(GLOB PICKORA_TOOL_DIRS LIST_DIRECTORIES true CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tools/*)
+foreach(dir IN LISTS PICKORA_TOOL_DIRS)
+  if(IS_DIRECTORY ${dir})
+    get_filename_component(tool ${dir} NAME)
+    file(GLOB tool_sources CONFIGURE_DEPENDS ${dir}/*.cpp)
+    if(tool_sources)
+      add_executable(pickora-${tool} ${tool_sources})
+      target_include_directories(pickora-${tool} PRIVATE ${dir})
+      target_link_libraries(pickora-${tool} PRIVATE pickora_cpu)
+      set_target_properties(pickora-${tool} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+    endif()
+  endif()
+endforeach()
