@@ -294,8 +294,8 @@ void gpu_2d_shift_inplace(float* h_a, unsigned nx, unsigned ny, float sx, float 
 // s = (0.5 - rc if rc + W > 0.5 else W) / 3; with s = 0 the fall is 1 at d = 0 and 0 elsewhere.
 PICKORA_HD inline float fft_rweight_factor(unsigned x, unsigned y, unsigned width, unsigned ny, float R, float W) {
   const float fx = static_cast<float>(x) / static_cast<float>(2 * (width - 1));
-  const float fy = y < ny / 2 ? static_cast<float>(y) / static_cast<float>(ny)
-                              : static_cast<float>(ny - y) / static_cast<float>(ny);
+  const float fy =
+      y < ny / 2 ? static_cast<float>(y) / static_cast<float>(ny) : static_cast<float>(ny - y) / static_cast<float>(ny);
   const float r = sqrtf(fx * fx + fy * fy);
   const float rc = R > 0.5f ? 0.5f : R;
   if (r < rc) return r;
@@ -344,10 +344,12 @@ PICKORA_HD inline void cuda_2ds_fft_amp_local_w2ds_gen(unsigned x, unsigned y, f
                                                        unsigned n, const float* distances, float b, float c, float d) {
   if (x >= width || y >= ny) return;
   const unsigned long plane = static_cast<unsigned long>(width) * ny;
-  for (unsigned i = 0; i < n; ++i) w[i * plane + y * width + x] = fft_amp_local_weight(x, y, width, ny, distances[i], b, c, d);
+  for (unsigned i = 0; i < n; ++i)
+    w[i * plane + y * width + x] = fft_amp_local_weight(x, y, width, ny, distances[i], b, c, d);
 }
 // w[i] = exp(distance[i]^2 / (-2 b^2)).
-PICKORA_HD inline void cuda_2ds_fft_amp_local_w1d_gen(unsigned i, float* w, unsigned n, const float* distances, float b) {
+PICKORA_HD inline void cuda_2ds_fft_amp_local_w1d_gen(unsigned i, float* w, unsigned n, const float* distances,
+                                                      float b) {
   if (i < n) w[i] = expf(distances[i] * distances[i] / (-2.0f * b * b));
 }
 void hcuda_2d_fft_amp_local_w2d_gen(float* w, unsigned width, unsigned ny, float a, float b, float c, float d);
@@ -368,6 +370,9 @@ void cpu_r2dh_usw_fftA_appy_bfac_inplace(float* a, unsigned width, unsigned ny, 
 // =============================================================================================
 // Stacks and tiles (fft_stacks.cu). Device pointers throughout; the amplitude operations clear
 // their output first. Outputs are nh x ny floats per image (nh = nx / 2 + 1), rows swapped.
+// The spec lets these families skip the checks of their plan, allocation and exec calls (a
+// failure surfacing at the next synchronisation); here they are checked, which reports the same
+// failures in the same device-check form, only sooner.
 // =============================================================================================
 
 // Per image: transform, row swap of the spectrum, then modulus / sqrt(nx ny) (mod) or power /
@@ -381,8 +386,8 @@ void hcuda_2ds_fft_r2c_logmod(const float* in, float* out, unsigned nx, unsigned
 void hcuda_2ds_fft_r2c_logmod_subbg(float* out, const float* in, unsigned nx, unsigned ny, unsigned n, int box);
 // Cuts `count` square boxes of side `box_size` at the corners of the host array `boxes` out of the
 // image, then hcuda_2ds_fft_r2c_mod of them.
-void hcuda_2d_boxes_fft_r2c_mod(float* out, const int2* boxes, int count, int box_size, const float* image,
-                                unsigned nx, unsigned ny);
+void hcuda_2d_boxes_fft_r2c_mod(float* out, const int2* boxes, int count, int box_size, const float* image, unsigned nx,
+                                unsigned ny);
 
 // Sums (not means) of the row-swapped moduli over a stack.
 void hcuda_2ds_fft_r2c_amp_ave(const float* in, float* out, unsigned nx, unsigned ny, unsigned n);
@@ -407,9 +412,10 @@ void hcuda_2dh_fftA_subbg_inplace(float* a, unsigned nh, unsigned ny, int box);
 void hcuda_2dh_fft_amp_log_subbg_inplace(float* a, unsigned nh, unsigned ny, int box);
 
 // Tiles of bx by by at corners (c step, r step), gx = (nx - bx) / step + 1 by gy = (ny - by) / step
-// + 1 of them (none where the image is smaller than a tile): the sum of their row-swapped moduli
-// into nh x by floats, nh = bx / 2 + 1, not divided by the number of tiles. The last argument of
-// the first form is ignored.
+// + 1 of them, rows of tiles in order (none where the image is smaller than a tile, and only the
+// tile at the origin for a step of 0): the sum of their row-swapped moduli into nh x by floats,
+// nh = bx / 2 + 1, not divided by the number of tiles. The first form cuts the tiles by row copies
+// and ignores its last argument; the numbered forms cut them by hcuda_2d_extract_small_from_large.
 void hcuda_2d_gridfft_r2c_amp_ave(const float* image, float* out, unsigned nx, unsigned ny, unsigned bx, unsigned by,
                                   unsigned step, int ignored);
 // Then the logarithm and the background subtraction on the full array.

@@ -1,9 +1,9 @@
 // Amplitude spectra of stacks, of boxes and of the tiles of one image, with their logarithms and
 // background subtraction. One plan per call, executed for every image or tile.
+#include "cuda_complex/cuda_complex.h"
 #include "cuda_fft/cuda_fft.h"
 #include "cuda_general/launch.h"
 #include "cuda_general/report.h"
-#include "cuda_complex/cuda_complex.h"
 #include "math_utils/array_kernels.h"
 #include "process2d_core/process2d_core.h"
 #include "process2d_raw/process2d_raw.h"
@@ -28,15 +28,15 @@ void exec_r2c(cufftHandle plan, const float* in, float2* out) {
 
 // a -= b over nx x ny (kernel of Part 6.4).
 void subtract_inplace(float* a, const float* b, unsigned nx, unsigned ny) {
-  PK_LAUNCH_IMAGE(nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_x2d_sub_inplace(x, y, a, b, nx, ny); });
+  PK_LAUNCH_IMAGE(
+      nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_x2d_sub_inplace(x, y, a, b, nx, ny); });
 }
 
 // How the moduli of a stack are weighted into the sum.
 enum class AmpWeights { kNone, kHostPerImage, kDevicePerImage, kDevicePerElement };
 
 // out (nh x ny, cleared here) = sum over the images of the row-swapped moduli, weighted.
-void amp_sum(const float* in, float* out, unsigned nx, unsigned ny, unsigned n, AmpWeights mode,
-             const float* weights) {
+void amp_sum(const float* in, float* out, unsigned nx, unsigned ny, unsigned n, AmpWeights mode, const float* weights) {
   const unsigned nh = fft_half_width(nx);
   const size_t real = static_cast<size_t>(nx) * ny;
   const unsigned long plane = static_cast<unsigned long>(nh) * ny;
@@ -137,13 +137,12 @@ void grid_log_subbg(float* log_sum, float* subtracted, unsigned bx, unsigned by,
     hcuda_2d_fftA_half2full_c0(full, log_sum, bx, by);
   else
     hcuda_2d_fftA_half2full(full, log_sum, bx, by);
-  PK_LAUNCH_IMAGE(bx, by, PICKORA_LAMBDA(unsigned x, unsigned y) {
-    cuda_2d_convolution_by_box(x, y, full, background, bx, by, box, box);
-  });
+  PK_LAUNCH_IMAGE(
+      bx, by,
+      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_convolution_by_box(x, y, full, background, bx, by, box, box); });
   subtract_inplace(full, background, bx, by);
-  PK_LAUNCH_IMAGE(nh, by, PICKORA_LAMBDA(unsigned x, unsigned y) {
-    cuda_2d_fftA_full2half(x, y, subtracted, full, bx, by);
-  });
+  PK_LAUNCH_IMAGE(
+      nh, by, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_fftA_full2half(x, y, subtracted, full, bx, by); });
   PK_CUDA_CHECK(cudaFree(full));
   PK_CUDA_CHECK(cudaFree(background));
 }
@@ -202,8 +201,8 @@ void hcuda_2ds_fft_r2c_logmod_subbg(float* out, const float* in, unsigned nx, un
   PK_CUDA_CHECK(cudaFree(background));
 }
 
-void hcuda_2d_boxes_fft_r2c_mod(float* out, const int2* boxes, int count, int box_size, const float* image,
-                                unsigned nx, unsigned ny) {
+void hcuda_2d_boxes_fft_r2c_mod(float* out, const int2* boxes, int count, int box_size, const float* image, unsigned nx,
+                                unsigned ny) {
   if (count <= 0) return;
   float* stack = device_alloc<float>(static_cast<size_t>(count) * box_size * box_size);
   hcuda_2d_extract_smalls_from_large(stack, box_size, box_size, count, image, static_cast<int>(nx),
@@ -275,7 +274,9 @@ void hcuda_2dh_fftA_subbg(float* out, const float* in, unsigned nh, unsigned ny,
   PK_CUDA_CHECK(cudaFree(background));
 }
 
-void hcuda_2dh_fftA_subbg_inplace(float* a, unsigned nh, unsigned ny, int box) { hcuda_2dh_fftA_subbg(a, a, nh, ny, box); }
+void hcuda_2dh_fftA_subbg_inplace(float* a, unsigned nh, unsigned ny, int box) {
+  hcuda_2dh_fftA_subbg(a, a, nh, ny, box);
+}
 
 void hcuda_2dh_fft_amp_log_subbg_inplace(float* a, unsigned nh, unsigned ny, int box) {
   hcuda_2d_logf_inplace(a, nh, ny);

@@ -2,10 +2,9 @@
 // CPU backend, every call through the cuFFT check.
 #include <cstdio>
 
+#include "cuda_complex/cuda_complex.h"
 #include "cuda_fft/cuda_fft.h"
 #include "cuda_general/report.h"
-#include "math_utils/array_kernels.h"
-#include "cuda_complex/cuda_complex.h"
 #include "process2d_core/process2d_core.h"
 
 cufftHandle hcuda_2d_fft_plan(unsigned nx, unsigned ny, cufftType type) {
@@ -109,7 +108,8 @@ void hcuda_2ds_fft_r2c(const float* in, float2* out, unsigned nx, unsigned ny, u
   const size_t real = static_cast<size_t>(nx) * ny, spec = static_cast<size_t>(fft_half_width(nx)) * ny;
   cufftHandle plan = hcuda_2d_fft_plan(nx, ny, CUFFT_R2C);
   for (unsigned i = 0; i < n; ++i)
-    PK_CUFFT_CHECK(cufftExecR2C(plan, const_cast<cufftReal*>(in + i * real), reinterpret_cast<cufftComplex*>(out + i * spec)));
+    PK_CUFFT_CHECK(
+        cufftExecR2C(plan, const_cast<cufftReal*>(in + i * real), reinterpret_cast<cufftComplex*>(out + i * spec)));
   PK_CUDA_CHECK(cudaDeviceSynchronize());
   hcuda_2d_fft_destroy(plan);
 }

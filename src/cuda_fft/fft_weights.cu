@@ -8,9 +8,8 @@
 #include "cuda_general/report.h"
 
 void hcuda_c2ds_ave(float2* out, const float2* in, unsigned width, unsigned height, unsigned n) {
-  PK_LAUNCH_IMAGE(width, height, PICKORA_LAMBDA(unsigned x, unsigned y) {
-    cuda_c2ds_ave(x, y, out, in, width, height, n);
-  });
+  PK_LAUNCH_IMAGE(
+      width, height, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2ds_ave(x, y, out, in, width, height, n); });
 }
 
 void cpu_2ds_fftout_r2c_ave(const float2* in, float2* out, unsigned width, unsigned height, unsigned n) {
@@ -22,15 +21,13 @@ void cpu_2ds_fftout_r2c_ave(const float2* in, float2* out, unsigned width, unsig
 // Phase shifts
 
 void hcuda_c2dh_linear_Pshift(const float2* in, float2* out, unsigned nh, unsigned ny, float sx, float sy) {
-  PK_LAUNCH_IMAGE(nh, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
-    cuda_c2dh_linear_Pshift(x, y, in, out, nh, ny, sx, sy);
-  });
+  PK_LAUNCH_IMAGE(
+      nh, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2dh_linear_Pshift(x, y, in, out, nh, ny, sx, sy); });
 }
 
 void hcuda_c2dh_linear_Pshift_inplace(float2* a, unsigned nh, unsigned ny, float sx, float sy) {
-  PK_LAUNCH_IMAGE(nh, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
-    cuda_c2dh_linear_Pshift_inplace(x, y, a, nh, ny, sx, sy);
-  });
+  PK_LAUNCH_IMAGE(
+      nh, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2dh_linear_Pshift_inplace(x, y, a, nh, ny, sx, sy); });
 }
 
 void hcuda_2d_shift(const float* in, float* out, unsigned nx, unsigned ny, float sx, float sy) {
@@ -77,15 +74,13 @@ void gpu_2d_shift_inplace(float* h_a, unsigned nx, unsigned ny, float sx, float 
 // Radial ramp
 
 void hcuda_c2dh_rweight(float2* out, const float2* in, unsigned width, unsigned ny, float R, float W) {
-  PK_LAUNCH_IMAGE(width, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
-    cuda_c2dh_rweight(x, y, out, in, width, ny, R, W);
-  });
+  PK_LAUNCH_IMAGE(
+      width, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2dh_rweight(x, y, out, in, width, ny, R, W); });
 }
 
 void hcuda_c2dh_rweight_inplace(float2* a, unsigned width, unsigned ny, float R, float W) {
-  PK_LAUNCH_IMAGE(width, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
-    cuda_c2dh_rweight_inplace(x, y, a, width, ny, R, W);
-  });
+  PK_LAUNCH_IMAGE(
+      width, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2dh_rweight_inplace(x, y, a, width, ny, R, W); });
 }
 
 namespace {
@@ -123,20 +118,22 @@ void hcuda_r2d_rweight_inplace(float* a, unsigned nx, unsigned ny, float R, floa
 // Local amplitude weights
 
 void hcuda_2d_fft_amp_local_w2d_gen(float* w, unsigned width, unsigned ny, float a, float b, float c, float d) {
-  PK_LAUNCH_IMAGE(width, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
-    cuda_2d_fft_amp_local_w2d_gen(x, y, w, width, ny, a, b, c, d);
-  });
+  PK_LAUNCH_IMAGE(
+      width, ny,
+      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_fft_amp_local_w2d_gen(x, y, w, width, ny, a, b, c, d); });
 }
 
 void hcuda_2ds_fft_amp_local_w2ds_gen(float* w, unsigned width, unsigned ny, unsigned n, const float* distances,
                                       float b, float c, float d) {
-  PK_LAUNCH_IMAGE(width, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
-    cuda_2ds_fft_amp_local_w2ds_gen(x, y, w, width, ny, n, distances, b, c, d);
-  });
+  PK_LAUNCH_IMAGE(
+      width, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
+        cuda_2ds_fft_amp_local_w2ds_gen(x, y, w, width, ny, n, distances, b, c, d);
+      });
 }
 
 void hcuda_2ds_fft_amp_local_w1d_gen(float* w, unsigned n, const float* distances, float b) {
-  PK_LAUNCH_FLAT(n, PICKORA_LAMBDA(unsigned i) { cuda_2ds_fft_amp_local_w1d_gen(i, w, n, distances, b); });
+  PK_LAUNCH_FLAT(
+      n, PICKORA_LAMBDA(unsigned i) { cuda_2ds_fft_amp_local_w1d_gen(i, w, n, distances, b); });
 }
 
 void cpu_2d_fft_amp_local_w2d_gen(float* w, unsigned width, unsigned ny, float a, float b, float c, float d) {

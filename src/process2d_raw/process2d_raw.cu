@@ -1,19 +1,18 @@
 // Device launchers of the box mean and of the box cutting.
+#include "cuda_general/launch.h"
 #include "process2d_raw/process2d_raw.h"
 
-#include "cuda_general/launch.h"
-
 void hcuda_2d_convolution_by_box(const float* src, float* out, unsigned nx, unsigned ny, int bx, int by) {
-  PK_LAUNCH_IMAGE(nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
-    cuda_2d_convolution_by_box(x, y, src, out, nx, ny, bx, by);
-  });
+  PK_LAUNCH_IMAGE(
+      nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_convolution_by_box(x, y, src, out, nx, ny, bx, by); });
 }
 
 void hcuda_2d_extract_small_from_large(float* out, int w, int h, const float* image, int nx, int ny, int x0, int y0) {
   if (w <= 0 || h <= 0) return;
-  PK_LAUNCH_IMAGE(static_cast<unsigned>(w), static_cast<unsigned>(h), PICKORA_LAMBDA(unsigned x, unsigned y) {
-    cuda_2d_extract_small_from_large(x, y, out, w, h, image, nx, ny, x0, y0);
-  });
+  PK_LAUNCH_IMAGE(
+      static_cast<unsigned>(w), static_cast<unsigned>(h), PICKORA_LAMBDA(unsigned x, unsigned y) {
+        cuda_2d_extract_small_from_large(x, y, out, w, h, image, nx, ny, x0, y0);
+      });
 }
 
 void hcuda_2d_extract_smalls_from_large(float* out, int w, int h, int count, const float* image, int nx, int ny,
