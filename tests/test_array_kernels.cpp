@@ -1,0 +1,680 @@
+// Element-wise kernels: flat arrays, images, stacks and complex arrays. Every launch runs on
+// sizes that are not multiples of the block, over arrays with guard elements behind them,
+// so that a kernel writing past its end, or skipping its last partial block, shows.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "cuda_complex/cuda_complex.h"
+#include "cuda_general/cuda_general.h"
+#include "math_utils/array_kernels.h"
+#include "process2d_core/process2d_core.h"
+
+namespace {
+
+using Floats = std::vector<float>;
+using Complexes = std::vector<float2>;
+
+constexpr std::size_t kGuard = 1100;  // more than one flat block of spare threads
+constexpr float kSentinel = 12345.5f;
+
+std::uint32_t bits(float v) {
+  std::uint32_t u;
+  std::memcpy(&u, &v, sizeof u);
+  return u;
+}
+
+// Equal within a few units in the last place: device logarithms and exponentials may differ
+// from the host's by an ulp or two.
+bool near_ulps(float expected, float actual, int ulps) {
+  if (std::isnan(expected) || std::isnan(actual)) return std::isnan(expected) && std::isnan(actual);
+  if (expected == actual) return true;
+  const auto e = static_cast<std::int64_t>(bits(expected)), a = static_cast<std::int64_t>(bits(actual));
+  return (expected < 0) == (actual < 0) && std::llabs(e - a) <= ulps;
+}
+
+// A device array of n elements followed by guard elements that hold a sentinel.
+template <class T>
+class Guarded {
+ public:
+  Guarded(const std::vector<T>& host, T sentinel) : n_(host.size()), sentinel_(sentinel) {
+    std::vector<T> all(host);
+    all.resize(n_ + kGuard, sentinel);
+    safe_cudaMalloc(&d_, all.size() * sizeof(T));
+    EXPECT_EQ(memcpy_H2D(d_, all.data(), all.size() * sizeof(T)), cudaSuccess);
+  }
+  ~Guarded() { cudaFree(d_); }
+  Guarded(const Guarded&) = delete;
+  Guarded& operator=(const Guarded&) = delete;
+
+  T* get() const { return d_; }
+  // The n elements; fails the test if a guard element changed.
+  std::vector<T> host() const {
+    std::vector<T> all(n_ + kGuard);
+    EXPECT_EQ(memcpy_D2H(all.data(), d_, all.size() * sizeof(T)), cudaSuccess);
+    for (std::size_t i = n_; i < all.size(); ++i) {
+      if (std::memcmp(&all[i], &sentinel_, sizeof(T)) != 0) {
+        ADD_FAILURE() << "guard element " << i - n_ << " past the end was written";
+        break;
+      }
+    }
+    all.resize(n_);
+    return all;
+  }
+
+ private:
+  T* d_ = nullptr;
+  std::size_t n_;
+  T sentinel_;
+};
+
+using GuardedFloats = Guarded<float>;
+using GuardedComplexes = Guarded<float2>;
+
+Floats values(std::size_t n, float lo, float hi, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::uniform_real_distribution<float> dist(lo, hi);
+  Floats v(n);
+  for (auto& x : v) x = dist(gen);
+  return v;
+}
+
+Complexes complexes(std::size_t n, unsigned seed) {
+  const Floats re = values(n, -3.0f, 3.0f, seed), im = values(n, -3.0f, 3.0f, seed + 1);
+  Complexes z(n);
+  for (std::size_t i = 0; i < n; ++i) z[i] = pk_cx(re[i], im[i]);
+  return z;
+}
+
+void expect_all(const Floats& expected, const Floats& got, int ulps, const std::string& what) {
+  ASSERT_EQ(expected.size(), got.size());
+  for (std::size_t i = 0; i < got.size(); ++i)
+    ASSERT_TRUE(near_ulps(expected[i], got[i], ulps)) << what << " at " << i << ": " << expected[i] << " vs " << got[i];
+}
+
+// ---- Flat family ------------------------------------------------------------------------
+
+constexpr unsigned long kFlatN = 1029;  // two blocks, the second nearly empty
+constexpr float kK = 1.75f, kC = -0.5f;
+
+struct FlatCase {
+  const char* name;
+  // Runs the launcher; `out` is a separate output, `a` the first input (and the output of an
+  // in-place form), `b` the second input.
+  std::function<void(float* out, float* a, const float* b, unsigned long n)> run;
+  std::function<float(float a, float b)> element;
+  bool in_place;
+  int ulps;
+};
+
+std::vector<FlatCase> flat_cases() {
+  using F = float;
+  return {
+      {"x1d_add", [](F* o, F* a, const F* b, unsigned long n) { hcuda_x1d_add(o, a, b, n); },
+       [](F a, F b) { return a + b; }, false, 0},
+      {"x1d_sub", [](F* o, F* a, const F* b, unsigned long n) { hcuda_x1d_sub(o, a, b, n); },
+       [](F a, F b) { return a - b; }, false, 0},
+      {"x1d_multi", [](F* o, F* a, const F* b, unsigned long n) { hcuda_x1d_multi(o, a, b, n); },
+       [](F a, F b) { return a * b; }, false, 0},
+      {"x1d_divide", [](F* o, F* a, const F* b, unsigned long n) { hcuda_x1d_divide(o, a, b, n); },
+       [](F a, F b) { return a / b; }, false, 0},
+      {"x1d_add_inplace", [](F*, F* a, const F* b, unsigned long n) { hcuda_x1d_add_inplace(a, b, n); },
+       [](F a, F b) { return a + b; }, true, 0},
+      {"x1d_sub_inplace", [](F*, F* a, const F* b, unsigned long n) { hcuda_x1d_sub_inplace(a, b, n); },
+       [](F a, F b) { return a - b; }, true, 0},
+      {"x1d_multi_inplace", [](F*, F* a, const F* b, unsigned long n) { hcuda_x1d_multi_inplace(a, b, n); },
+       [](F a, F b) { return a * b; }, true, 0},
+      {"x1d_divide_inplace", [](F*, F* a, const F* b, unsigned long n) { hcuda_x1d_divide_inplace(a, b, n); },
+       [](F a, F b) { return a / b; }, true, 0},
+      {"addto_float", [](F*, F* a, const F* b, unsigned long n) { hcuda_addto_float(a, b, n); },
+       [](F a, F b) { return a + b; }, true, 0},
+      {"add", [](F* o, F* a, const F*, unsigned long n) { hcuda_add(o, a, n, kK); }, [](F a, F) { return a + kK; },
+       false, 0},
+      {"sub", [](F* o, F* a, const F*, unsigned long n) { hcuda_sub(o, a, n, kK); }, [](F a, F) { return a - kK; },
+       false, 0},
+      {"multi", [](F* o, F* a, const F*, unsigned long n) { hcuda_multi(o, a, n, kK); },
+       [](F a, F) { return a * kK; }, false, 0},
+      {"divide", [](F* o, F* a, const F*, unsigned long n) { hcuda_divide(o, a, n, kK); },
+       [](F a, F) { return a / kK; }, false, 0},
+      {"add_inplace", [](F*, F* a, const F*, unsigned long n) { hcuda_add_inplace(a, n, kK); },
+       [](F a, F) { return a + kK; }, true, 0},
+      {"sub_inplace", [](F*, F* a, const F*, unsigned long n) { hcuda_sub_inplace(a, n, kK); },
+       [](F a, F) { return a - kK; }, true, 0},
+      {"multi_inplace", [](F*, F* a, const F*, unsigned long n) { hcuda_multi_inplace(a, n, kK); },
+       [](F a, F) { return a * kK; }, true, 0},
+      {"divide_inplace", [](F*, F* a, const F*, unsigned long n) { hcuda_divide_inplace(a, n, kK); },
+       [](F a, F) { return a / kK; }, true, 0},
+      {"add_multi", [](F* o, F* a, const F*, unsigned long n) { hcuda_add_multi(o, a, n, kK, kC); },
+       [](F a, F) { return (a + kK) * kC; }, false, 0},
+      {"multi_add", [](F* o, F* a, const F*, unsigned long n) { hcuda_multi_add(o, a, n, kK, kC); },
+       [](F a, F) { return std::fmaf(a, kK, kC); }, false, 0},
+      {"sub_divide", [](F* o, F* a, const F*, unsigned long n) { hcuda_sub_divide(o, a, n, kK, kC); },
+       [](F a, F) { return (a - kK) / kC; }, false, 0},
+      {"divide_sub", [](F* o, F* a, const F*, unsigned long n) { hcuda_divide_sub(o, a, n, kK, kC); },
+       [](F a, F) { return a / kK - kC; }, false, 0},
+      {"multi_add_inplace", [](F*, F* a, const F*, unsigned long n) { hcuda_multi_add_inplace(a, n, kK, kC); },
+       [](F a, F) { return std::fmaf(a, kK, kC); }, true, 0},
+      {"sub_divide_inplace", [](F*, F* a, const F*, unsigned long n) { hcuda_sub_divide_inplace(a, n, kK, kC); },
+       [](F a, F) { return (a - kK) / kC; }, true, 0},
+      {"sqr", [](F* o, F* a, const F*, unsigned long n) { hcuda_sqr(o, a, n); }, [](F a, F) { return a * a; }, false,
+       0},
+      {"sqrtf", [](F* o, F* a, const F*, unsigned long n) { hcuda_sqrtf(o, a, n); },
+       [](F a, F) { return std::sqrt(a); }, false, 0},
+      {"logf", [](F* o, F* a, const F*, unsigned long n) { hcuda_logf(o, a, n); }, [](F a, F) { return std::log(a); },
+       false, 2},
+      {"sqr_inplace", [](F*, F* a, const F*, unsigned long n) { hcuda_sqr_inplace(a, n); },
+       [](F a, F) { return a * a; }, true, 0},
+      {"sqrtf_inplace", [](F*, F* a, const F*, unsigned long n) { hcuda_sqrtf_inplace(a, n); },
+       [](F a, F) { return std::sqrt(a); }, true, 0},
+      {"logf_inplace", [](F*, F* a, const F*, unsigned long n) { hcuda_logf_inplace(a, n); },
+       [](F a, F) { return std::log(a); }, true, 2},
+      {"sub_sqr", [](F* o, F* a, const F*, unsigned long n) { hcuda_sub_sqr(o, a, n, kK); },
+       [](F a, F) { return (a - kK) * (a - kK); }, false, 0},
+      {"submean_sqr", [](F* o, F* a, const F*, unsigned long n) { hcuda_submean_sqr(o, a, n, kK); },
+       [](F a, F) { return (a - kK) * (a - kK); }, false, 0},
+      {"submean_sqr_withmask",
+       [](F* o, F* a, const F* m, unsigned long n) { hcuda_submean_sqr_withmask(o, a, m, n, kK); },
+       [](F a, F m) { return m * ((a - kK) * (a - kK)); }, false, 0},
+      {"sqr_withmask", [](F* o, F* a, const F* m, unsigned long n) { hcuda_sqr_withmask(o, a, m, n); },
+       [](F a, F m) { return (a * a) * m; }, false, 0},
+      {"invert_inplace", [](F*, F* a, const F*, unsigned long n) { hcuda_invert_inplace(a, n); },
+       [](F a, F) { return -a; }, true, 0},
+  };
+}
+
+TEST(FlatKernels, EveryElementAndNothingBeyond) {
+  const Floats a = values(kFlatN, 0.25f, 9.0f, 1), b = values(kFlatN, -4.0f, 4.0f, 2);
+  for (const FlatCase& c : flat_cases()) {
+    GuardedFloats out(Floats(kFlatN, -1.0f), kSentinel), da(a, kSentinel), db(b, kSentinel);
+    c.run(out.get(), da.get(), db.get(), kFlatN);
+    Floats expected(kFlatN);
+    for (std::size_t i = 0; i < kFlatN; ++i) expected[i] = c.element(a[i], b[i]);
+    expect_all(expected, c.in_place ? da.host() : out.host(), c.ulps, c.name);
+    if (!c.in_place) {
+      EXPECT_EQ(da.host(), a) << c.name << " changed its input";
+    }
+    EXPECT_EQ(db.host(), b) << c.name << " changed its second input";
+  }
+}
+
+TEST(FlatKernels, MultiAddRoundsOnce) {
+  // (1 + 2^-12)^2 = 1 + 2^-11 + 2^-24: a separate product drops the 2^-24, the fused form keeps it.
+  const float a = 1.0f + std::ldexp(1.0f, -12), c = -(1.0f + std::ldexp(1.0f, -11));
+  const float product = a * a;
+  ASSERT_EQ(0.0f, product + c) << "this input no longer separates fused from unfused";
+  GuardedFloats out(Floats(3, 0.0f), kSentinel), in(Floats(3, a), kSentinel);
+  hcuda_multi_add(out.get(), in.get(), 3, a, c);
+  hcuda_multi_add_inplace(in.get(), 3, a, c);
+  EXPECT_EQ(std::ldexp(1.0f, -24), out.host()[2]);
+  EXPECT_EQ(std::ldexp(1.0f, -24), in.host()[2]);
+}
+
+TEST(FlatKernels, ArithmeticFaultsLeaveInfinityOrNaN) {
+  GuardedFloats a(Floats{1.0f, 0.0f, -1.0f}, kSentinel), zero(Floats(3, 0.0f), kSentinel);
+  hcuda_x1d_divide_inplace(a.get(), zero.get(), 3);
+  const Floats q = a.host();
+  EXPECT_EQ(std::numeric_limits<float>::infinity(), q[0]);
+  EXPECT_TRUE(std::isnan(q[1]));
+  EXPECT_EQ(-std::numeric_limits<float>::infinity(), q[2]);
+  GuardedFloats b(Floats{0.0f, -1.0f}, kSentinel);
+  hcuda_logf_inplace(b.get(), 2);
+  EXPECT_EQ(-std::numeric_limits<float>::infinity(), b.host()[0]);
+  EXPECT_TRUE(std::isnan(b.host()[1]));
+}
+
+// ---- Image family -----------------------------------------------------------------------
+
+constexpr unsigned kNx = 33, kNy = 35;  // neither side a multiple of 32
+constexpr std::size_t kPixels = std::size_t(kNx) * kNy;
+
+struct ImageCase {
+  const char* name;
+  std::function<void(float* out, float* a, const float* b)> run;
+  std::function<float(float a, float b)> element;
+  bool in_place;
+  int ulps;
+};
+
+std::vector<ImageCase> image_cases() {
+  using F = float;
+  const unsigned X = kNx, Y = kNy;
+  return {
+      {"2d_empty", [=](F*, F* a, const F*) { hcuda_2d_empty(a, X, Y); }, [](F, F) { return 0.0f; }, true, 0},
+      {"2d_memset", [=](F*, F* a, const F*) { hcuda_2d_memset(a, -2.5f, X, Y); }, [](F, F) { return -2.5f; }, true, 0},
+      {"2d_memcpy", [=](F* o, F* a, const F*) { hcuda_2d_memcpy(o, a, X, Y); }, [](F a, F) { return a; }, false, 0},
+      {"2d_add", [=](F* o, F* a, const F*) { hcuda_2d_add(o, a, X, Y, kK); }, [](F a, F) { return a + kK; }, false, 0},
+      {"2d_sub", [=](F* o, F* a, const F*) { hcuda_2d_sub(o, a, X, Y, kK); }, [](F a, F) { return a - kK; }, false, 0},
+      {"2d_multi", [=](F* o, F* a, const F*) { hcuda_2d_multi(o, a, X, Y, kK); }, [](F a, F) { return a * kK; }, false,
+       0},
+      {"2d_divide", [=](F* o, F* a, const F*) { hcuda_2d_divide(o, a, X, Y, 3.0f); }, [](F a, F) { return a / 3.0f; },
+       false, 0},
+      {"2d_add_inplace", [=](F*, F* a, const F*) { hcuda_2d_add_inplace(a, X, Y, kK); }, [](F a, F) { return a + kK; },
+       true, 0},
+      {"2d_sub_inplace", [=](F*, F* a, const F*) { hcuda_2d_sub_inplace(a, X, Y, kK); }, [](F a, F) { return a - kK; },
+       true, 0},
+      {"2d_multi_inplace", [=](F*, F* a, const F*) { hcuda_2d_multi_inplace(a, X, Y, kK); },
+       [](F a, F) { return a * kK; }, true, 0},
+      // A true division by 3, which a product with the rounded reciprocal would miss.
+      {"2d_divide_inplace", [=](F*, F* a, const F*) { hcuda_2d_divide_inplace(a, X, Y, 3.0f); },
+       [](F a, F) { return a / 3.0f; }, true, 0},
+      {"2d_multi_add", [=](F* o, F* a, const F*) { hcuda_2d_multi_add(o, a, X, Y, kK, kC); },
+       [](F a, F) { return std::fmaf(a, kK, kC); }, false, 0},
+      {"2d_add_multi", [=](F* o, F* a, const F*) { hcuda_2d_add_multi(o, a, X, Y, kK, kC); },
+       [](F a, F) { return (a + kK) * kC; }, false, 0},
+      {"2d_sub_divide", [=](F* o, F* a, const F*) { hcuda_2d_sub_divide(o, a, X, Y, kK, kC); },
+       [](F a, F) { return (a - kK) / kC; }, false, 0},
+      {"2d_sub_divide_inplace", [=](F*, F* a, const F*) { hcuda_2d_sub_divide_inplace(a, X, Y, kK, kC); },
+       [](F a, F) { return (a - kK) / kC; }, true, 0},
+      {"2d_sqr", [=](F* o, F* a, const F*) { hcuda_2d_sqr(o, a, X, Y); }, [](F a, F) { return a * a; }, false, 0},
+      {"2d_sqrt", [=](F* o, F* a, const F*) { hcuda_2d_sqrt(o, a, X, Y); }, [](F a, F) { return std::sqrt(a); }, false,
+       0},
+      {"2d_abs", [=](F* o, F* a, const F*) { hcuda_2d_abs(o, a, X, Y); }, [](F a, F) { return std::fabs(a); }, false, 0},
+      {"2d_exp", [=](F* o, F* a, const F*) { hcuda_2d_exp(o, a, X, Y); }, [](F a, F) { return std::exp(a); }, false, 2},
+      {"2d_log", [=](F* o, F* a, const F*) { hcuda_2d_log(o, a, X, Y); }, [](F a, F) { return std::log(a); }, false, 2},
+      {"2d_logf", [=](F* o, F* a, const F*) { hcuda_2d_logf(o, a, X, Y); }, [](F a, F) { return std::log(a); }, false,
+       2},
+      {"2d_log2", [=](F* o, F* a, const F*) { hcuda_2d_log2(o, a, X, Y); }, [](F a, F) { return std::log2(a); }, false,
+       2},
+      {"2d_log10", [=](F* o, F* a, const F*) { hcuda_2d_log10(o, a, X, Y); }, [](F a, F) { return std::log10(a); },
+       false, 2},
+      {"2d_log1p", [=](F* o, F* a, const F*) { hcuda_2d_log1p(o, a, X, Y); }, [](F a, F) { return std::log1p(a); },
+       false, 2},
+      {"2d_log1pf", [=](F* o, F* a, const F*) { hcuda_2d_log1pf(o, a, X, Y); }, [](F a, F) { return std::log1p(a); },
+       false, 2},
+      {"2d_sqr_inplace", [=](F*, F* a, const F*) { hcuda_2d_sqr_inplace(a, X, Y); }, [](F a, F) { return a * a; }, true,
+       0},
+      {"2d_sqrt_inplace", [=](F*, F* a, const F*) { hcuda_2d_sqrt_inplace(a, X, Y); },
+       [](F a, F) { return std::sqrt(a); }, true, 0},
+      {"2d_abs_inplace", [=](F*, F* a, const F*) { hcuda_2d_abs_inplace(a, X, Y); },
+       [](F a, F) { return std::fabs(a); }, true, 0},
+      {"2d_exp_inplace", [=](F*, F* a, const F*) { hcuda_2d_exp_inplace(a, X, Y); },
+       [](F a, F) { return std::exp(a); }, true, 2},
+      {"2d_log_inplace", [=](F*, F* a, const F*) { hcuda_2d_log_inplace(a, X, Y); },
+       [](F a, F) { return std::log(a); }, true, 2},
+      {"2d_logf_inplace", [=](F*, F* a, const F*) { hcuda_2d_logf_inplace(a, X, Y); },
+       [](F a, F) { return std::log(a); }, true, 2},
+      {"2d_log2_inplace", [=](F*, F* a, const F*) { hcuda_2d_log2_inplace(a, X, Y); },
+       [](F a, F) { return std::log2(a); }, true, 2},
+      {"2d_log10_inplace", [=](F*, F* a, const F*) { hcuda_2d_log10_inplace(a, X, Y); },
+       [](F a, F) { return std::log10(a); }, true, 2},
+      {"2d_log1p_inplace", [=](F*, F* a, const F*) { hcuda_2d_log1p_inplace(a, X, Y); },
+       [](F a, F) { return std::log1p(a); }, true, 2},
+      {"2d_log1pf_inplace", [=](F*, F* a, const F*) { hcuda_2d_log1pf_inplace(a, X, Y); },
+       [](F a, F) { return std::log1p(a); }, true, 2},
+      {"2d_pow2_inplace", [=](F*, F* a, const F*) { hcuda_2d_pow2_inplace(a, X, Y); }, [](F a, F) { return a * a; },
+       true, 0},
+      {"2d_pow", [=](F* o, F* a, const F*) { hcuda_2d_pow(o, a, X, Y, 1.5f); },
+       [](F a, F) { return std::pow(a, 1.5f); }, false, 2},
+      {"2d_powf_inplace", [=](F*, F* a, const F*) { hcuda_2d_powf_inplace(a, X, Y, -0.75f); },
+       [](F a, F) { return std::pow(a, -0.75f); }, true, 2},
+      {"2d_invert_inplace", [=](F*, F* a, const F*) { hcuda_2d_invert_inplace(a, X, Y); }, [](F a, F) { return -a; },
+       true, 0},
+      {"x2d_add", [=](F* o, F* a, const F* b) { hcuda_x2d_add(o, a, b, X, Y); }, [](F a, F b) { return a + b; }, false,
+       0},
+      {"x2d_sub", [=](F* o, F* a, const F* b) { hcuda_x2d_sub(o, a, b, X, Y); }, [](F a, F b) { return a - b; }, false,
+       0},
+      {"x2d_multi", [=](F* o, F* a, const F* b) { hcuda_x2d_multi(o, a, b, X, Y); }, [](F a, F b) { return a * b; },
+       false, 0},
+      {"x2d_divide", [=](F* o, F* a, const F* b) { hcuda_x2d_divide(o, a, b, X, Y); }, [](F a, F b) { return a / b; },
+       false, 0},
+      {"x2d_add_inplace", [=](F*, F* a, const F* b) { hcuda_x2d_add_inplace(a, b, X, Y); },
+       [](F a, F b) { return a + b; }, true, 0},
+      {"x2d_sub_inplace", [=](F*, F* a, const F* b) { hcuda_x2d_sub_inplace(a, b, X, Y); },
+       [](F a, F b) { return a - b; }, true, 0},
+      {"x2d_multi_inplace", [=](F*, F* a, const F* b) { hcuda_x2d_multi_inplace(a, b, X, Y); },
+       [](F a, F b) { return a * b; }, true, 0},
+      {"x2d_divide_inplace", [=](F*, F* a, const F* b) { hcuda_x2d_divide_inplace(a, b, X, Y); },
+       [](F a, F b) { return a / b; }, true, 0},
+  };
+}
+
+TEST(ImageKernels, EveryPixelToTheEdgeAndNothingBeyond) {
+  const Floats a = values(kPixels, 0.25f, 3.0f, 3), b = values(kPixels, 0.5f, 2.0f, 4);
+  for (const ImageCase& c : image_cases()) {
+    GuardedFloats out(Floats(kPixels, -1.0f), kSentinel), da(a, kSentinel), db(b, kSentinel);
+    c.run(out.get(), da.get(), db.get());
+    Floats expected(kPixels);
+    for (std::size_t i = 0; i < kPixels; ++i) expected[i] = c.element(a[i], b[i]);
+    expect_all(expected, c.in_place ? da.host() : out.host(), c.ulps, c.name);
+    if (!c.in_place) {
+      EXPECT_EQ(da.host(), a) << c.name << " changed its input";
+    }
+  }
+}
+
+TEST(ImageKernels, SubtractionKeepsItsOperandOrder) {
+  GuardedFloats a(Floats(kPixels, 5.0f), kSentinel), b(Floats(kPixels, 2.0f), kSentinel);
+  hcuda_x2d_sub_inplace(a.get(), b.get(), kNx, kNy);
+  EXPECT_EQ(Floats(kPixels, 3.0f), a.host());
+  Floats host_a(kPixels, 5.0f);
+  gpu_x2d_sub_inplace(host_a.data(), Floats(kPixels, 2.0f).data(), kNx, kNy);
+  EXPECT_EQ(Floats(kPixels, 3.0f), host_a);
+}
+
+TEST(ImageKernels, RootOfSlightlyNegativeValueIsNaN) {
+  Floats v(kPixels, 4.0f);
+  v[kPixels - 1] = -1e-7f;  // what rounding leaves of a variance that should be 0
+  GuardedFloats d(v, kSentinel);
+  hcuda_2d_sqrt_inplace(d.get(), kNx, kNy);
+  const Floats got = d.host();
+  EXPECT_EQ(2.0f, got[0]);
+  EXPECT_TRUE(std::isnan(got[kPixels - 1]));
+}
+
+TEST(ImageKernels, MinusInfinityFillLosesToAnyFiniteValue) {
+  const float lowest = -std::numeric_limits<float>::infinity();
+  GuardedFloats d(Floats(kPixels, 0.0f), kSentinel);
+  hcuda_2d_memset(d.get(), lowest, kNx, kNy);
+  for (float v : d.host()) {
+    ASSERT_EQ(lowest, v);
+    ASSERT_LT(v, -std::numeric_limits<float>::max());
+  }
+}
+
+TEST(ImageKernels, ComplexFillsAndCopies) {
+  const Complexes z = complexes(kPixels, 5);
+  const float2 sentinel = pk_cx(kSentinel, kSentinel);
+  GuardedComplexes src(z, sentinel), copy(Complexes(kPixels, pk_cx(0, 0)), sentinel), fill(z, sentinel);
+  hcuda_c2d_memcpy(copy.get(), src.get(), kNx, kNy);
+  hcuda_c2d_memset(fill.get(), pk_cx(1.5f, -2.0f), kNx, kNy);
+  const Complexes copied = copy.host(), filled = fill.host();
+  for (std::size_t i = 0; i < kPixels; ++i) {
+    ASSERT_EQ(z[i].x, copied[i].x);
+    ASSERT_EQ(z[i].y, copied[i].y);
+    ASSERT_EQ(1.5f, filled[i].x);
+    ASSERT_EQ(-2.0f, filled[i].y);
+  }
+  hcuda_2d_cx_empty(fill.get(), kNx, kNy);
+  for (const float2& v : fill.host()) ASSERT_TRUE(v.x == 0.0f && v.y == 0.0f);
+}
+
+// ---- Stacks -----------------------------------------------------------------------------
+
+constexpr unsigned kSx = 37, kSy = 5, kSz = 4;
+constexpr std::size_t kSlice = std::size_t(kSx) * kSy;
+
+class StackKernels : public testing::Test {
+ protected:
+  Floats stack = values(kSlice * kSz, 0.5f, 20.0f, 6);
+
+  float plain_average(std::size_t p) const {
+    float s = 0.0f;
+    for (unsigned z = 0; z < kSz; ++z) s = s + stack[z * kSlice + p];
+    return s / static_cast<float>(kSz);
+  }
+  float log_average(std::size_t p) const {
+    float s = 0.0f;
+    for (unsigned z = 0; z < kSz; ++z) s = s + std::log(stack[z * kSlice + p]);
+    return s / static_cast<float>(kSz);
+  }
+};
+
+TEST_F(StackKernels, AveragesOverSlicesInOrder) {
+  GuardedFloats in(stack, kSentinel), ave(Floats(kSlice), kSentinel), ave_log(Floats(kSlice), kSentinel),
+      logf_ave(Floats(kSlice), kSentinel);
+  hcuda_2ds_ave(ave.get(), in.get(), kSx, kSy, kSz);
+  hcuda_2ds_ave_logf(ave_log.get(), in.get(), kSx, kSy, kSz);
+  hcuda_2ds_logf_ave(logf_ave.get(), in.get(), kSx, kSy, kSz);
+  Floats plain(kSlice), logs(kSlice);
+  for (std::size_t p = 0; p < kSlice; ++p) {
+    plain[p] = plain_average(p);
+    logs[p] = log_average(p);
+  }
+  expect_all(plain, ave.host(), 0, "2ds_ave");
+  expect_all(logs, ave_log.host(), 4, "2ds_ave_logf");
+  // The kernel named logf_ave takes no logarithm: it is the plain average.
+  EXPECT_EQ(ave.host(), logf_ave.host());
+}
+
+TEST_F(StackKernels, HostStackAveragesMatchTheKernels) {
+  GuardedFloats in(stack, kSentinel), ave(Floats(kSlice), kSentinel), ave_log(Floats(kSlice), kSentinel);
+  hcuda_2ds_ave(ave.get(), in.get(), kSx, kSy, kSz);
+  hcuda_2ds_ave_logf(ave_log.get(), in.get(), kSx, kSy, kSz);
+  Floats host_ave(kSlice), host_ave_log(kSlice), host_logf_ave(kSlice);
+  gpu_2ds_ave(host_ave.data(), stack.data(), kSx, kSy, kSz);
+  gpu_2ds_ave_logf(host_ave_log.data(), stack.data(), kSx, kSy, kSz);
+  gpu_2ds_logf_ave(host_logf_ave.data(), stack.data(), kSx, kSy, kSz);
+  EXPECT_EQ(ave.host(), host_ave);
+  EXPECT_EQ(ave_log.host(), host_ave_log);
+  // Unlike the kernel of that name, the host-stack form does average the logarithms.
+  EXPECT_EQ(ave_log.host(), host_logf_ave);
+  EXPECT_NE(host_ave, host_logf_ave);
+}
+
+TEST_F(StackKernels, LogarithmOfEverySlice) {
+  GuardedFloats in(stack, kSentinel), out(Floats(stack.size()), kSentinel), inplace(stack, kSentinel);
+  hcuda_2ds_logf(out.get(), in.get(), kSx, kSy, kSz);
+  hcuda_2ds_logf_inplace(inplace.get(), kSx, kSy, kSz);
+  Floats expected(stack.size());
+  for (std::size_t i = 0; i < stack.size(); ++i) expected[i] = std::log(stack[i]);
+  expect_all(expected, out.host(), 2, "2ds_logf");
+  expect_all(expected, inplace.host(), 2, "2ds_logf_inplace");
+}
+
+TEST_F(StackKernels, EverySliceTimesOneImage) {
+  const Floats image = values(kSlice, -2.0f, 2.0f, 7);
+  GuardedFloats a(stack, kSentinel), b(image, kSentinel);
+  hcuda_x2ds_multi_inplace(a.get(), b.get(), kSx, kSy, kSz);
+  Floats expected(stack.size());
+  for (std::size_t i = 0; i < stack.size(); ++i) expected[i] = stack[i] * image[i % kSlice];
+  expect_all(expected, a.host(), 0, "x2ds_multi_inplace");
+}
+
+// ---- Host twins -------------------------------------------------------------------------
+
+TEST(HostTwins, AgreeWithTheDeviceForms) {
+  const Floats a = values(kPixels, -3.0f, 3.0f, 8), b = values(kPixels, 0.5f, 2.0f, 9);
+  auto device_result = [&](const std::function<void(float*, float*, const float*)>& run, bool in_place) {
+    GuardedFloats out(Floats(kPixels), kSentinel), da(a, kSentinel), db(b, kSentinel);
+    run(out.get(), da.get(), db.get());
+    return in_place ? da.host() : out.host();
+  };
+  Floats h = a, out(kPixels);
+  cpu_2d_multi_add(out.data(), a.data(), kNx, kNy, kK, kC);
+  EXPECT_EQ(device_result([](float* o, float* x, const float*) { hcuda_2d_multi_add(o, x, kNx, kNy, kK, kC); }, false),
+            out);
+  cpu_2d_multi_add_inplace(h.data(), kNx, kNy, kK, kC);
+  EXPECT_EQ(out, h);
+  h = a;
+  cpu_2d_invert_inplace(h.data(), kNx, kNy);
+  EXPECT_EQ(device_result([](float*, float* x, const float*) { hcuda_2d_invert_inplace(x, kNx, kNy); }, true), h);
+  using TwinFn = void (*)(float*, const float*, unsigned, unsigned);
+  const std::vector<std::pair<TwinFn, TwinFn>> pairs = {{cpu_x2d_add_inplace, hcuda_x2d_add_inplace},
+                                                         {cpu_x2d_sub_inplace, hcuda_x2d_sub_inplace},
+                                                         {cpu_x2d_multi_inplace, hcuda_x2d_multi_inplace},
+                                                         {cpu_x2d_divide_inplace, hcuda_x2d_divide_inplace}};
+  for (const auto& [twin, launcher] : pairs) {
+    h = a;
+    twin(h.data(), b.data(), kNx, kNy);
+    TwinFn l = launcher;
+    EXPECT_EQ(device_result([l](float*, float* x, const float* y) { l(x, y, kNx, kNy); }, true), h);
+  }
+  cpu_2d_memset(h.data(), 7.0f, kNx, kNy);
+  EXPECT_EQ(Floats(kPixels, 7.0f), h);
+  cpu_2d_empty(h.data(), kNx, kNy);
+  EXPECT_EQ(Floats(kPixels, 0.0f), h);
+}
+
+TEST(HostTwins, ComplexFormsAgreeWithTheDevice) {
+  const Complexes a = complexes(kPixels, 10), b = complexes(kPixels, 12);
+  using CxTwin = void (*)(float2*, const float2*, unsigned, unsigned);
+  const std::vector<std::pair<CxTwin, CxTwin>> pairs = {{cpu_cxc_2d_add_inplace, hcuda_cxc_2d_add_inplace},
+                                                         {cpu_cxc_2d_sub_inplace, hcuda_cxc_2d_sub_inplace},
+                                                         {cpu_cxc_2d_multi_inplace, hcuda_cxc_2d_multi_inplace},
+                                                         {cpu_cxc_2d_divide_inplace, hcuda_cxc_2d_divide_inplace}};
+  for (const auto& [twin, launcher] : pairs) {
+    Complexes h = a;
+    twin(h.data(), b.data(), kNx, kNy);
+    GuardedComplexes da(a, pk_cx(kSentinel, 0)), db(b, pk_cx(kSentinel, 0));
+    launcher(da.get(), db.get(), kNx, kNy);
+    const Complexes d = da.host();
+    for (std::size_t i = 0; i < kPixels; ++i) {
+      ASSERT_EQ(bits(h[i].x), bits(d[i].x)) << i;
+      ASSERT_EQ(bits(h[i].y), bits(d[i].y)) << i;
+    }
+  }
+}
+
+// ---- Complex family ---------------------------------------------------------------------
+
+Floats run_flat_complex(void (*launcher)(const float2*, float*, unsigned long), const Complexes& z) {
+  GuardedComplexes in(z, pk_cx(kSentinel, kSentinel));
+  GuardedFloats out(Floats(z.size(), -1.0f), kSentinel);
+  launcher(in.get(), out.get(), z.size());
+  return out.host();
+}
+
+TEST(ComplexKernels, SafeModulusNeitherOverflowsNorLosesZeroOrInfinity) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const Complexes z = {pk_cx(3e30f, 4e30f), pk_cx(3e-30f, -4e-30f), pk_cx(0.0f, 0.0f), pk_cx(-0.0f, 0.0f),
+                       pk_cx(inf, 1.0f),    pk_cx(1.0f, -inf),      pk_cx(inf, std::nanf("")), pk_cx(-3.0f, 4.0f)};
+  const Floats mod = run_flat_complex(hcuda_complex_mod, z);
+  EXPECT_TRUE(near_ulps(5e30f, mod[0], 2)) << mod[0];
+  EXPECT_TRUE(near_ulps(5e-30f, mod[1], 2)) << mod[1];
+  EXPECT_EQ(0.0f, mod[2]);
+  EXPECT_EQ(0.0f, mod[3]);
+  EXPECT_EQ(inf, mod[4]);
+  EXPECT_EQ(inf, mod[5]);
+  EXPECT_EQ(inf, mod[6]);
+  EXPECT_EQ(5.0f, mod[7]);
+  // The plain root of the power used by the image kernels overflows on the first value.
+  GuardedComplexes in(Complexes(z.begin(), z.begin() + 1), pk_cx(0, 0));
+  GuardedFloats plain(Floats(1), kSentinel);
+  hcuda_c2d_mod(plain.get(), in.get(), 1, 1);
+  EXPECT_EQ(inf, plain.host()[0]);
+}
+
+TEST(ComplexKernels, FlatFunctionsAndTheirLetters) {
+  const Complexes z = complexes(1030, 13);
+  Floats mod(z.size()), phi(z.size()), pow(z.size()), logmod(z.size()), log1p(z.size());
+  for (std::size_t i = 0; i < z.size(); ++i) {
+    pow[i] = std::fmaf(z[i].x, z[i].x, z[i].y * z[i].y);
+    mod[i] = std::hypot(z[i].x, z[i].y);
+    phi[i] = std::atan2(z[i].y, z[i].x);
+    logmod[i] = std::log(std::sqrt(pow[i]));
+    log1p[i] = std::log(1.0f + std::sqrt(pow[i]));
+  }
+  expect_all(pow, run_flat_complex(hcuda_complex_pow, z), 0, "complex_pow");
+  expect_all(mod, run_flat_complex(hcuda_complex_mod, z), 2, "complex_mod");
+  expect_all(phi, run_flat_complex(hcuda_complex_phi, z), 2, "complex_phi");
+  expect_all(logmod, run_flat_complex(hcuda_complex_logmod, z), 2, "complex_logmod");
+  expect_all(log1p, run_flat_complex(hcuda_complex_log1p_mod, z), 2, "complex_log1p_mod");
+  const std::vector<std::pair<char, void (*)(const float2*, float*, unsigned long)>> letters = {
+      {'A', hcuda_complex_mod}, {'P', hcuda_complex_phi}, {'W', hcuda_complex_pow},
+      {'L', hcuda_complex_logmod}, {'M', hcuda_complex_log1p_mod}};
+  GuardedComplexes in(z, pk_cx(0, 0));
+  for (const auto& [letter, direct] : letters) {
+    GuardedFloats out(Floats(z.size(), -1.0f), kSentinel);
+    hcuda_complex_proc(in.get(), out.get(), z.size(), letter);
+    EXPECT_EQ(run_flat_complex(direct, z), out.host()) << letter;
+  }
+}
+
+TEST(ComplexKernels, UnknownLetterLeavesOutputUntouched) {
+  const Complexes z = complexes(100, 14);
+  GuardedComplexes in(z, pk_cx(0, 0));
+  for (char letter : {'a', 'X', '\0', 'p'}) {
+    GuardedFloats out(Floats(z.size(), -9.0f), kSentinel);
+    hcuda_complex_proc(in.get(), out.get(), z.size(), letter);
+    EXPECT_EQ(Floats(z.size(), -9.0f), out.host()) << "letter " << int(letter);
+  }
+}
+
+TEST(ComplexKernels, ProductsQuotientsAndConjugates) {
+  const Complexes a = complexes(kPixels, 15), b = complexes(kPixels, 17);
+  const Floats r = values(kPixels, 0.5f, 2.0f, 19);
+  const float2 none = pk_cx(kSentinel, kSentinel);
+  GuardedComplexes da(a, none), db(b, none), out(Complexes(kPixels), none), io(a, none);
+  GuardedFloats dr(r, kSentinel);
+
+  auto check = [&](const Complexes& got, const std::function<float2(std::size_t)>& want, const char* name) {
+    for (std::size_t i = 0; i < kPixels; ++i) {
+      const float2 w = want(i);
+      ASSERT_EQ(bits(w.x), bits(got[i].x)) << name << " real part at " << i;
+      ASSERT_EQ(bits(w.y), bits(got[i].y)) << name << " imaginary part at " << i;
+    }
+  };
+  // The forms written out: which products round on their own and which are fused.
+  auto mul = [&](std::size_t i) {
+    return pk_cx(a[i].x * b[i].x - a[i].y * b[i].y, std::fmaf(b[i].y, a[i].x, a[i].y * b[i].x));
+  };
+  auto conj = [&](std::size_t i) {
+    return pk_cx(std::fmaf(a[i].x, b[i].x, a[i].y * b[i].y), a[i].y * b[i].x - a[i].x * b[i].y);
+  };
+  auto quot = [&](std::size_t i) {
+    const float d = std::fmaf(b[i].y, b[i].y, b[i].x * b[i].x);
+    return pk_cx(std::fmaf(a[i].x, b[i].x, a[i].y * b[i].y) / d, (a[i].y * b[i].x - a[i].x * b[i].y) / d);
+  };
+
+  hcuda_cxc_2d_multi(out.get(), da.get(), db.get(), kNx, kNy);
+  check(out.host(), mul, "multi");
+  hcuda_cxc_2d_divide(out.get(), da.get(), db.get(), kNx, kNy);
+  check(out.host(), quot, "divide");
+  hcuda_cxc_2d_multconj(out.get(), da.get(), db.get(), kNx, kNy);
+  check(out.host(), conj, "multconj");
+  hcuda_cxc_2d_multconj_divide(out.get(), da.get(), db.get(), kNx, kNy, 3.0f);
+  check(out.host(), [&](std::size_t i) { return pk_cx(conj(i).x / 3.0f, conj(i).y / 3.0f); }, "multconj_divide");
+  hcuda_cxc_2d_add(out.get(), da.get(), db.get(), kNx, kNy);
+  check(out.host(), [&](std::size_t i) { return pk_cx(a[i].x + b[i].x, a[i].y + b[i].y); }, "add");
+  hcuda_cxc_2d_sub(out.get(), da.get(), db.get(), kNx, kNy);
+  check(out.host(), [&](std::size_t i) { return pk_cx(a[i].x - b[i].x, a[i].y - b[i].y); }, "sub");
+  hcuda_cxc_2d_multconj_inplace(io.get(), db.get(), kNx, kNy);
+  check(io.host(), conj, "multconj_inplace");
+
+  hcuda_cxr_2d_multi(out.get(), da.get(), dr.get(), kNx, kNy);
+  check(out.host(), [&](std::size_t i) { return pk_cx(a[i].x * r[i], a[i].y * r[i]); }, "cxr_multi");
+  hcuda_cxr_2d_divide(out.get(), da.get(), dr.get(), kNx, kNy);
+  check(out.host(), [&](std::size_t i) { return pk_cx(a[i].x / r[i], a[i].y / r[i]); }, "cxr_divide");
+  hcuda_complex2d_norm(out.get(), da.get(), kNx, kNy, 3.0f);
+  check(out.host(), [&](std::size_t i) { return pk_cx(a[i].x / 3.0f, a[i].y / 3.0f); }, "complex2d_norm");
+  GuardedComplexes divr(a, none);
+  hcuda_c2d_divR_inplace(divr.get(), kNx, kNy, 3.0f);
+  EXPECT_EQ(0, std::memcmp(out.host().data(), divr.host().data(), kPixels * sizeof(float2)));
+}
+
+TEST(ComplexKernels, RealMapsOfAnImage) {
+  const Complexes z = complexes(kPixels, 21);
+  GuardedComplexes in(z, pk_cx(0, 0));
+  GuardedFloats out(Floats(kPixels), kSentinel);
+  Floats power(kPixels);
+  for (std::size_t i = 0; i < kPixels; ++i) power[i] = std::fmaf(z[i].x, z[i].x, z[i].y * z[i].y);
+  auto map = [&](const std::function<float(float)>& f) {
+    Floats m(kPixels);
+    for (std::size_t i = 0; i < kPixels; ++i) m[i] = f(power[i]);
+    return m;
+  };
+  hcuda_c2d_pow(out.get(), in.get(), kNx, kNy);
+  expect_all(power, out.host(), 0, "c2d_pow");
+  hcuda_c2d_mod(out.get(), in.get(), kNx, kNy);
+  expect_all(map([](float p) { return std::sqrt(p); }), out.host(), 0, "c2d_mod");
+  hcuda_c2d_pow_divR(out.get(), in.get(), kNx, kNy, 3.0f);
+  expect_all(map([](float p) { return p / 3.0f; }), out.host(), 0, "c2d_pow_divR");
+  hcuda_c2d_mod_divR(out.get(), in.get(), kNx, kNy, 3.0f);
+  expect_all(map([](float p) { return std::sqrt(p) / 3.0f; }), out.host(), 0, "c2d_mod_divR");
+  hcuda_c2d_logmod(out.get(), in.get(), kNx, kNy);
+  expect_all(map([](float p) { return std::log(std::sqrt(p)); }), out.host(), 2, "c2d_logmod");
+  hcuda_c2d_logmod_1p(out.get(), in.get(), kNx, kNy);
+  expect_all(map([](float p) { return std::log(1.0f + std::sqrt(p)); }), out.host(), 2, "c2d_logmod_1p");
+}
+
+TEST(ComplexKernels, EveryComplexSliceTimesOneRealImage) {
+  const Complexes stack = complexes(kPixels * 3, 23);
+  const Floats r = values(kPixels, -2.0f, 2.0f, 25);
+  GuardedComplexes d(stack, pk_cx(kSentinel, kSentinel));
+  GuardedFloats dr(r, kSentinel);
+  hcuda_cxr_2ds_multi_inplace(d.get(), dr.get(), kNx, kNy, 3);
+  const Complexes got = d.host();
+  for (std::size_t i = 0; i < stack.size(); ++i) {
+    ASSERT_EQ(stack[i].x * r[i % kPixels], got[i].x) << i;
+    ASSERT_EQ(stack[i].y * r[i % kPixels], got[i].y) << i;
+  }
+}
+
+}  // namespace
