@@ -1,4 +1,4 @@
-// The FFT layer (Part 6.2): transforms against a brute-force DFT, scaling, layouts, plan
+// The FFT layer: transforms against a brute-force DFT, scaling, layouts, plan
 // variants (in place, out of place, unaligned stack offsets), products, swaps, amplitude
 // kernels, half/full conversions, weights, shifts, stacks and tiles.
 //
@@ -145,7 +145,7 @@ std::vector<float> swapped_amplitude(const std::vector<float>& img, unsigned nx,
   return row_swap(amp, nh, ny);
 }
 
-// Half array (row-swapped) to the full array, written from the spec's words.
+// Half array (row-swapped) to the full array, written independently from the layout rules.
 std::vector<float> reference_half2full(const std::vector<float>& half, unsigned nx, unsigned ny) {
   const unsigned h = nx / 2, nh = h + 1;
   std::vector<float> full(static_cast<size_t>(nx) * ny);
@@ -180,7 +180,7 @@ std::vector<float> reference_box_mean(const std::vector<float>& a, int nx, int n
   return out;
 }
 
-// Background subtraction of a half array on its full form, from the spec's words.
+// Background subtraction of a half array on its full form, written independently.
 std::vector<float> reference_subbg(const std::vector<float>& half, unsigned nh, unsigned ny, int box,
                                    bool clear_c0 = false) {
   const unsigned nx = 2 * (nh - 1);

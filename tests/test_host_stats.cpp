@@ -1,4 +1,4 @@
-// Host statistics (Part 6.5): the edge cases of the spec and its precision rules.
+// Host statistics: edge cases and the precision rules.
 //
 // Expected values are worked out by hand in the comments or spelled out here as plain
 // expressions of the rule under test; none comes from the code under test. Where a rule's
@@ -58,7 +58,7 @@ int count_of(const std::string& text, const std::string& what) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Edge cases listed by the spec
+// Edge cases
 // ---------------------------------------------------------------------------------------------
 TEST(HostStatsEdge, VarianceOfOneTwoThree) {
   const float a[] = {1, 2, 3};

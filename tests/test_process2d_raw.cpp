@@ -1,4 +1,4 @@
-// Box mean (Part 8.1) and box cutting (Part 4.4) of process2d_raw.
+// Box mean and box cutting of process2d_raw.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -35,7 +35,7 @@ std::vector<float> random_image(size_t n, unsigned seed) {
   return v;
 }
 
-// Box mean written from the spec's words, summed in double.
+// Box mean written independently from the layout rules, summed in double.
 std::vector<float> reference_box_mean(const std::vector<float>& a, int nx, int ny, int bx, int by) {
   std::vector<float> out(a.size());
   const int hx = bx / 2, hy = by / 2;

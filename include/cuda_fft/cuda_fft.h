@@ -1,4 +1,4 @@
-// The FFT layer (Part 6.2): 2D single-precision real transforms through cuFFT (FFTW on the
+// The FFT layer: 2D single-precision real transforms through cuFFT (FFTW on the
 // CPU backend), and what goes around them: the conjugate product of a correlation, the swaps
 // that bring an origin to the centre, amplitude spectra, radial weights, phase shifts and the
 // tile and stack averages of the CTF toolkit.
@@ -13,7 +13,7 @@
 // _norm forms divide by sqrtf((float)(nx * ny)) on either side. All other scalings are explicit.
 //
 // Kernels are the PICKORA_HD element functions below (thread coordinates first); each hcuda_
-// wrapper launches one with the shape of Part 6.1, waits and checks. All pointers are device
+// wrapper launches one with the fixed launch shape, waits and checks. All pointers are device
 // pointers unless the prefix says otherwise (gpu_, cpu_ take host pointers).
 #pragma once
 
@@ -370,9 +370,8 @@ void cpu_r2dh_usw_fftA_appy_bfac_inplace(float* a, unsigned width, unsigned ny, 
 // =============================================================================================
 // Stacks and tiles (fft_stacks.cu). Device pointers throughout; the amplitude operations clear
 // their output first. Outputs are nh x ny floats per image (nh = nx / 2 + 1), rows swapped.
-// The spec lets these families skip the checks of their plan, allocation and exec calls (a
-// failure surfacing at the next synchronisation); here they are checked, which reports the same
-// failures in the same device-check form, only sooner.
+// Their plan, allocation and exec calls are checked too, so a failure is reported in the
+// device-check form where it happens rather than at the next synchronisation.
 // =============================================================================================
 
 // Per image: transform, row swap of the spectrum, then modulus / sqrt(nx ny) (mod) or power /

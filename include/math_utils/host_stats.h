@@ -1,4 +1,4 @@
-// Host statistics (Part 6.5): the hm_ family of host-side array arithmetic, cpu_znorm_inplace,
+// Host statistics: the hm_ family of host-side array arithmetic, cpu_znorm_inplace,
 // the peak list, and the thm_ templates. Host-only, plain loops, no state.
 //
 // Precision rules of the family:
@@ -82,7 +82,7 @@ float hm_update_mean_stdv_by_one_more(float& mean, float& sd, unsigned long n, f
 // ---------------------------------------------------------------------------------------------
 void hm_normz(float* out, const float* in, unsigned long n, float sigma, float mean);
 void hm_normz_inplace(float* a, unsigned long n, float sigma, float mean);
-// The same target with float arithmetic (Part 6.5, Algorithms).
+// The same target with float arithmetic.
 void cpu_znorm_inplace(float* a, unsigned long n, float sigma, float mean);
 
 // ---------------------------------------------------------------------------------------------
@@ -209,7 +209,7 @@ void hm_x1d_multi_inplace(float* a, const float* b, unsigned long n);
 void hm_x1d_divide(float* out, const float* a, const float* b, unsigned long n);
 void hm_x1d_divide_inplace(float* a, const float* b, unsigned long n);
 
-// out = a m (the spelling "appply" of the out-of-place forms is the spec's).
+// out = a m (the out-of-place forms keep their historical spelling "appply").
 void hm_appply_mask(float* out, const float* a, const float* m, unsigned long n);
 void hm_appply_weights(float* out, const float* a, const float* m, unsigned long n);
 void hm_apply_weights(float* out, const float* a, const float* m, unsigned long n);

@@ -1,11 +1,11 @@
-// Operators on raw images that other modules lean on: the box mean of Part 8.1 and the cutting
-// of boxes out of a large image of Part 4.4, on the device and (for the cutting) on the host.
+// Operators on raw images that other modules lean on: the box mean and the cutting
+// of boxes out of a large image, on the device and (for the cutting) on the host.
 #pragma once
 
 #include "cuda_general/platform.h"
 
 // ---------------------------------------------------------------------------------------------
-// Box mean, `cuda_2d_convolution_by_box` (Part 8.1). hx = bx / 2, hy = by / 2 (truncating); the
+// Box mean, `cuda_2d_convolution_by_box`. hx = bx / 2, hy = by / 2 (truncating); the
 // box of (x, y) runs over [max(0, x - hx), min(nx, x + hx)) and likewise in y, so it is one pixel
 // longer on the low side and shrinks at the edges. The output is the float sum over the box, rows
 // in order and pixels in order within a row, divided by the number of pixels in it. A bx or by
@@ -31,7 +31,7 @@ PICKORA_HD inline void cuda_2d_convolution_by_box(unsigned x, unsigned y, const 
 void hcuda_2d_convolution_by_box(const float* src, float* out, unsigned nx, unsigned ny, int bx, int by);
 
 // ---------------------------------------------------------------------------------------------
-// One box of w by h out of an nx by ny image, its corner at (x0, y0) (Part 4.4): a pixel outside
+// One box of w by h out of an nx by ny image, its corner at (x0, y0): a pixel outside
 // the image gives 0, with no mirroring, no mean fill and no refusal.
 PICKORA_HD inline void cuda_2d_extract_small_from_large(unsigned x, unsigned y, float* out, int w, int h,
                                                         const float* image, int nx, int ny, int x0, int y0) {

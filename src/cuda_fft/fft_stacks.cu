@@ -26,7 +26,7 @@ void exec_r2c(cufftHandle plan, const float* in, float2* out) {
   PK_CUFFT_CHECK(cufftExecR2C(plan, const_cast<cufftReal*>(in), reinterpret_cast<cufftComplex*>(out)));
 }
 
-// a -= b over nx x ny (kernel of Part 6.4).
+// a -= b over nx x ny.
 void subtract_inplace(float* a, const float* b, unsigned nx, unsigned ny) {
   PK_LAUNCH_IMAGE(
       nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_x2d_sub_inplace(x, y, a, b, nx, ny); });

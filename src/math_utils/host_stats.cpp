@@ -1,4 +1,4 @@
-// Host statistics (Part 6.5): reductions, moments, normalisation with and without a mask,
+// Host statistics: reductions, moments, normalisation with and without a mask,
 // masked sums and means, correlation coefficients.
 //
 // Every sum is one double accumulator walked from element 0 upward; no loop here may be

@@ -1,4 +1,4 @@
-// Host statistics (Part 6.5): element-wise operations (all in float) and extremes.
+// Host statistics: element-wise operations (all in float) and extremes.
 //
 // The element-wise loops are independent per element and may be vectorised by the compiler;
 // the only sums here (the means of hm_submean* and hm_max_min_mean) go through hm_sum, one

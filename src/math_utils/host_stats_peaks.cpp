@@ -1,4 +1,4 @@
-// Host statistics (Part 6.5): the peak list.
+// Host statistics: the peak list.
 #include <vector>
 
 #include "math_utils/host_stats.h"

@@ -1,4 +1,4 @@
-// Host twins of the box cutting (Part 4.4).
+// Host twins of the box cutting.
 #include "process2d_raw/process2d_raw.h"
 
 void cpu_2d_extract_small_from_large(float* out, int w, int h, const float* image, int nx, int ny, int x0, int y0) {
