@@ -4,12 +4,12 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <type_traits>
 #include <vector>
 
+#include "support/temp_file.h"
 #include "txt_file/arrays_strings.h"
 #include "txt_file/txt_file.h"
 
@@ -21,23 +21,6 @@ extern "C" size_t strlcpy(char* dst, const char* src, size_t size) noexcept;
 #endif
 
 namespace {
-
-// A temporary file with the given bytes, removed at the end of the scope.
-struct TempFile {
-  std::string path;
-  explicit TempFile(const std::string& text, const char* suffix = ".txt") {
-    char name[] = "/tmp/pickora_txtXXXXXX";
-    int fd = mkstemp(name);
-    EXPECT_GE(fd, 0);
-    close(fd);
-    std::remove(name);
-    path = std::string(name) + suffix;
-    FILE* fp = std::fopen(path.c_str(), "wb");
-    std::fwrite(text.data(), 1, text.size(), fp);
-    std::fclose(fp);
-  }
-  ~TempFile() { std::remove(path.c_str()); }
-};
 
 TEST(Strlcpy, TwoArgumentFormClearsAndCopies) {
   char dst[PICKORA_NAME_LEN];
@@ -184,6 +167,25 @@ TEST(Lines, LongLineIsReadInPieces) {
   EXPECT_EQ(read_one_line(line, fp), 0);  // end of file: empty line
   for (char c : line) ASSERT_EQ(c, '\0');
   EXPECT_EQ(next_text_line(line, fp), 0);
+  std::fclose(fp);
+}
+
+TEST(Lines, WholeLineDropsTheRestOfALongLine) {
+  const std::string exact(1023, 'e');
+  TempFile f(std::string(1500, 'a') + "\n" + exact + "\nlast");
+  FILE* fp = std::fopen(f.path.c_str(), "r");
+  char line[PICKORA_LINE_LEN];
+  bool cut = false;
+  EXPECT_EQ(read_whole_line(line, fp, &cut), 1);
+  EXPECT_TRUE(cut);
+  EXPECT_EQ(std::string(line), std::string(1023, 'a'));
+  EXPECT_EQ(read_whole_line(line, fp, &cut), 1);
+  EXPECT_FALSE(cut);
+  EXPECT_EQ(std::string(line), exact);
+  EXPECT_EQ(read_whole_line(line, fp, nullptr), 1);
+  EXPECT_STREQ(line, "last");
+  EXPECT_EQ(read_whole_line(line, fp, &cut), 0);
+  EXPECT_FALSE(cut);
   std::fclose(fp);
 }
 

@@ -29,6 +29,11 @@ void report_device_check(cudaError_t result, const char* file, int line);
 void report_cufft_check(cufftResult result, const char* file, int line);
 [[noreturn]] void report_device_failure(const char* text, const char* file, int line);
 
+// Every report that ends the run ends it here. A harness (the fuzzers) may install a handler
+// that is called first, with the exit status, and does not return (it throws or jumps).
+[[noreturn]] void report_exit(int status);
+void report_set_exit_handler(void (*handler)(int status));
+
 // The cuFFT result text; codes of 16 and above give "Unknown error".
 const char* cufft_error_text(int code);
 

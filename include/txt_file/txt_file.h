@@ -21,6 +21,10 @@ int read_one_lline(char* line, FILE* fp);
 // read_one_line that tells whether anything was read: 1 for a line (or the next piece of a
 // long one), 0 at end of file or on a read error.
 int next_text_line(char* line, FILE* fp);
+// next_text_line that keeps a long line one line: of a line longer than 1023 characters the
+// buffer keeps the first 1023 and the rest of the line is read and dropped; *cut (if given)
+// tells whether that happened.
+int read_whole_line(char* line, FILE* fp, bool* cut);
 
 // Reads one line, splits it on whitespace into at most n tokens and stores each, converted by
 // strtod and narrowed to float, into out[0] onward; entries beyond the tokens found are left

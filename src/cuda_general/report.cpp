@@ -8,6 +8,8 @@
 
 namespace {
 
+void (*g_exit_handler)(int) = nullptr;
+
 constexpr const char* kRoots[] = {"src/", "applications/", "tests/", "tools/", "bench/"};
 
 void vprint_form(FILE* out, const char* head, const char* func, const char* file, int line, const char* fmt,
@@ -19,6 +21,15 @@ void vprint_form(FILE* out, const char* head, const char* func, const char* file
 }
 
 }  // namespace
+
+void report_set_exit_handler(void (*handler)(int status)) { g_exit_handler = handler; }
+
+void report_exit(int status) {
+  std::fflush(stdout);
+  std::fflush(stderr);
+  if (g_exit_handler != nullptr) g_exit_handler(status);
+  std::exit(status);
+}
 
 const char* report_module_path(const char* file) {
   // A few rotating slots: each result is printed at once, and a report needs at most two.
@@ -46,7 +57,7 @@ void report_fatal(const char* func, const char* file, int line, const char* fmt,
   vprint_form(stdout, "\033[41mError in function %s(), file %s on line %d: ", func, file, line, fmt, args,
               "! Exit now!\033[m\n");
   va_end(args);
-  std::exit(1);
+  report_exit(1);
 }
 
 void report_warning(const char* func, const char* file, int line, const char* fmt, ...) {
@@ -76,7 +87,7 @@ void report_strong_attention(const char* func, const char* file, int line, const
 void report_device_failure(const char* text, const char* file, int line) {
   std::fflush(stdout);
   std::fprintf(stderr, "Error %s at line %d in file %s\n", text, line, report_module_path(file));
-  std::exit(1);
+  report_exit(1);
 }
 
 void report_device_check(cudaError_t result, const char* file, int line) {

@@ -35,6 +35,17 @@ int next_text_line(char* line, FILE* fp) {
   return 0;
 }
 
+int read_whole_line(char* line, FILE* fp, bool* cut) {
+  if (cut != nullptr) *cut = false;
+  if (!next_text_line(line, fp)) return 0;
+  if (line[PICKORA_LINE_LEN - 2] == '\0' || line[PICKORA_LINE_LEN - 2] == '\n') return 1;
+  int c = std::fgetc(fp);
+  if (c == EOF || c == '\n') return 1;  // exactly 1023 characters
+  if (cut != nullptr) *cut = true;
+  while (c != EOF && c != '\n') c = std::fgetc(fp);
+  return 1;
+}
+
 namespace {
 
 // Splits one line into at most n numbers. A 1024-byte line holds at most 512 tokens, so a
