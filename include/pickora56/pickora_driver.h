@@ -46,6 +46,7 @@ struct PickoraRun {
   MRC_HEAD head;
   Pickora_Sizes sizes;
   int tnx, tny, tnz;  // template stack; tnz stays 0 until templates are prepared
+  int t;              // current template, from 0, in the per-template steps
 
   // The current micrograph.
   int mic;           // index in para.files

@@ -303,8 +303,7 @@ const PickoraStep kMicrograph[] = {
     {26, "NORMALIZATION time, ccmaxZ cleared", nullptr, mic_normalization_time},
 };
 
-// Steps 27 to 31, once per template; run.mic and the template number are in the run. Empty
-// until the matching arrives:
+// Steps 27 to 31, once per template (run.t). Empty until the matching arrives:
 //   27: "Template %03d", pickora_ccmax_psi_by_one_template (rotational matching).
 //   28: gpu_find_filter_ccmax_psi_grids_exclusive (grid peak search).
 //   29: output_pickora_coord_one_temp into the candidate file (candidate files).
@@ -352,7 +351,7 @@ void process_micrograph(PickoraRun& run, int mic) {
   run.mic = mic;
   run.name = run.para.files[mic];
   if (run_steps(kMicrograph, count_of(kMicrograph), run) == StepOutcome::kSkipMicrograph) return;
-  for (int t = 0; t < run.tnz; ++t) run_steps(kPerTemplate, kPerTemplateCount, run);
+  for (run.t = 0; run.t < run.tnz; ++run.t) run_steps(kPerTemplate, kPerTemplateCount, run);
   run_steps(kAfterTemplates, count_of(kAfterTemplates), run);
 }
 
