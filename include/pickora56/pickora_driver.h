@@ -1,0 +1,81 @@
+// The picking driver: the run-wide sizes fixed by the first micrograph, the output names, the
+// timers, and the run itself as fixed tables of named steps with their gates.
+#pragma once
+
+#include <cstdio>
+
+#include "mrcfile/mrcfile.h"
+#include "pickora56/pickora_para.h"
+
+// Sizes of the whole run; 32-bit signed, integer divisions truncate.
+struct Pickora_Sizes {
+  int nx, ny, nz;  // of the first readable micrograph
+  int work_size;   // side of the even square work image and of every correlation map
+  int shrunk_nx, shrunk_ny;  // real area of the work image, each rounded down to even
+  int grid_step, grid_nx, grid_ny, grid_cells;  // peak-search cells
+};
+
+// work_size, shrunk_nx and shrunk_ny from the micrograph size and the shrink factor. Returns 0.
+int pickora_set_work_sizes(int nx, int ny, int shrink, Pickora_Sizes* sizes);
+// Cell side of the peak search: trunc((1.4142135 min_dist) / (2 shrink apixM)), in float.
+int pickora_grid_step(float min_dist, int shrink, float apixM);
+// grid_step, grid_nx, grid_ny and grid_cells; a grid_step of 9 or less ends the run. Returns 0.
+int pickora_set_grid_sizes(const Pickora_Para* para, Pickora_Sizes* sizes);
+// The matching needs every template inside the work image: ends the run, naming both sizes,
+// when tnx or tny exceeds work_size. Returns 0.
+int pickora_check_template_fits(int tnx, int tny, int work_size);
+
+// 1 when the file exists and can be read, else 0.
+int is_file_pickora_done(const char* name);
+// Clears the 1024-byte out and writes name, less ".mrc" or ".mrcs", plus "_nonunique.box".
+// The shrink factor is not part of the name.
+void set_name_shrinked_box(char* out, const char* name, int shrink);
+
+// Wall-clock seconds (gettimeofday) in double precision.
+double pickora_now();
+// ">>>>>>TIME<<<<<<%64s: %fs\n" with the label and the seconds since start.
+void pickora_print_time(const char* label, double start);
+
+// What one run holds: the record, the heads, the sizes, the names and streams of the current
+// micrograph, the long-lived buffers and the clocks. The driver owns all of it.
+struct PickoraRun {
+  int argc;
+  char** argv;
+  Pickora_Para para;
+  MRC_HEAD first_head;
+  MRC_HEAD head;
+  Pickora_Sizes sizes;
+  int tnx, tny, tnz;  // template stack; tnz stays 0 until templates are prepared
+  int t;              // current template, from 0, in the per-template steps
+
+  // The current micrograph.
+  int mic;           // index in para.files
+  const char* name;  // para.files[mic]
+  char name_box[1024];
+  char name_excluded[1024];
+  char name_candidates[1024];
+  char name_star[1024];
+  FILE* fp_mic;
+  FILE* fp_candidates;
+
+  // Long-lived buffers, allocated once from the first head's sizes.
+  float* raw;     // host, nx * ny: slice 0 of the current micrograph
+  float* work;    // host, work_size^2
+  float* d_work;  // device, work_size^2: changed in place by every filter
+  float* d_mask;  // device, work_size^2: picking mask
+  float* d_ccmax;
+  float* d_psi;
+  float* d_ccmaxZ;
+  unsigned* d_grid;  // device, grid_cells: exclusion grid
+  unsigned* peak_index;  // host, grid_cells each: one peak search
+  float* peak_cc;
+  float* peak_psi;
+
+  double t_run;  // start of the run
+  double t_step;  // start of the current timed span
+  double t_picking;
+};
+
+// The whole program: help paths, parameters, preparation, the micrograph loop, closing.
+// Returns the exit status of a finished run (0); every failure ends the process itself.
+int pickora_main(int argc, char** argv);

@@ -1,0 +1,409 @@
+// The picking driver. The run is three fixed sequences of named steps: preparation, the road
+// of one micrograph (with an inner sequence per template), and closing. Each step carries its
+// gate, so a module that brings a step adds one row to its table and nothing else moves.
+#include "pickora56/pickora_driver.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "cuda_general/cuda_general.h"
+#include "cuda_general/report.h"
+#include "pickora56/pickora_help.h"
+#include "txt_file/arrays_strings.h"
+#include "txt_file/txt_file.h"
+
+// ---------------------------------------------------------------------------------------------
+// Sizes, names, clocks.
+
+int pickora_set_work_sizes(int nx, int ny, int shrink, Pickora_Sizes* sizes) {
+  sizes->nx = nx;
+  sizes->ny = ny;
+  const int larger = nx > ny ? nx : ny;
+  sizes->work_size = 2 * (larger / (2 * shrink));
+  sizes->shrunk_nx = (nx / shrink) / 2 * 2;
+  sizes->shrunk_ny = (ny / shrink) / 2 * 2;
+  return 0;
+}
+
+int pickora_grid_step(float min_dist, int shrink, float apixM) {
+  const float cell = 1.4142135f * min_dist;  // the diagonal of a cell is min_dist
+  const float twice_pixel = (static_cast<float>(shrink) * apixM) * 2.0f;
+  return static_cast<int>(cell / twice_pixel);
+}
+
+int pickora_set_grid_sizes(const Pickora_Para* para, Pickora_Sizes* sizes) {
+  sizes->grid_step = pickora_grid_step(para->min_dist, para->shrink, para->apixM);
+  if (sizes->grid_step <= 9) PK_FATAL("--min_dist too small! ");
+  sizes->grid_nx = (sizes->work_size + sizes->grid_step - 1) / sizes->grid_step;
+  sizes->grid_ny = sizes->grid_nx;  // the maps are square
+  sizes->grid_cells = sizes->grid_nx * sizes->grid_ny;
+  return 0;
+}
+
+int pickora_check_template_fits(int tnx, int tny, int work_size) {
+  if (tnx > work_size || tny > work_size)
+    PK_FATAL("the templates (%d x %d pixels after shrinking) are larger than the work image (%d x %d pixels); "
+             "use a smaller --speed or smaller templates",
+             tnx, tny, work_size, work_size);
+  return 0;
+}
+
+int is_file_pickora_done(const char* name) { return access(name, F_OK) == 0 && access(name, R_OK) == 0 ? 1 : 0; }
+
+void set_name_shrinked_box(char* out, const char* name, int shrink) {
+  (void)shrink;
+  mrcf_set_outname_by_suffix(out, name, "_nonunique.box");
+}
+
+double pickora_now() {
+  timeval tv;
+  gettimeofday(&tv, nullptr);
+  return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6;
+}
+
+void pickora_print_time(const char* label, double start) {
+  std::printf(">>>>>>TIME<<<<<<%64s: %fs\n", label, pickora_now() - start);
+  std::fflush(stdout);
+}
+
+namespace {
+
+void print_rule(char c, int n) {
+  for (int i = 0; i < n; ++i) std::putchar(c);
+  std::putchar('\n');
+}
+
+template <class T>
+T* host_alloc(size_t count) {
+  T* p = static_cast<T*>(std::calloc(count > 0 ? count : 1, sizeof(T)));
+  if (p == nullptr) PK_FATAL("out of host memory for %zu elements", count);
+  return p;
+}
+
+size_t work_pixels(const PickoraRun& run) {
+  return static_cast<size_t>(run.sizes.work_size) * static_cast<size_t>(run.sizes.work_size);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The step tables.
+
+enum class StepOutcome { kNext, kSkipMicrograph };
+
+using StepGate = bool (*)(const PickoraRun&);
+using StepAction = StepOutcome (*)(PickoraRun&);
+
+struct PickoraStep {
+  int number;        // place in the road, for the reader and for messages
+  const char* what;  // short name
+  StepGate gate;     // nullptr: always
+  StepAction run;
+};
+
+// A gate that is one flag of the record.
+template <int Pickora_Para::*Flag>
+bool flag_gate(const PickoraRun& run) {
+  return run.para.*Flag != 0;
+}
+
+// Runs the steps of a table in order; stops early when a step skips the micrograph.
+StepOutcome run_steps(const PickoraStep* steps, int count, PickoraRun& run) {
+  for (int k = 0; k < count; ++k) {
+    const PickoraStep& step = steps[k];
+    if (step.gate != nullptr && !step.gate(run)) continue;
+    if (step.run(run) == StepOutcome::kSkipMicrograph) return StepOutcome::kSkipMicrograph;
+  }
+  return StepOutcome::kNext;
+}
+
+// --- Preparation -----------------------------------------------------------------------------
+
+StepOutcome prep_select_device(PickoraRun& run) {
+  PK_CUDA_CHECK(cudaSetDevice(run.para.gid));
+  return StepOutcome::kNext;
+}
+
+StepOutcome prep_read_first_head(PickoraRun& run) {
+  FILE* fp = nullptr;
+  pickora_open_first_mic(&run.para, fp);
+  mrc_read_head(fp, &run.first_head);
+  std::fclose(fp);
+  return StepOutcome::kNext;
+}
+
+StepOutcome prep_work_sizes(PickoraRun& run) {
+  const MRC_HEAD& h = run.first_head;
+  if (h.nx < 1 || h.ny < 1 || h.nz < 1)
+    PK_FATAL("the micrograph %s has no usable size (nx %d, ny %d, nz %d)", run.para.first_mic, h.nx, h.ny, h.nz);
+  pickora_set_work_sizes(h.nx, h.ny, run.para.shrink, &run.sizes);
+  run.sizes.nz = h.nz;
+  if (run.sizes.work_size < 2)
+    PK_FATAL("the micrograph %s (%d x %d pixels) is too small for a shrink factor of %d", run.para.first_mic, h.nx,
+             h.ny, run.para.shrink);
+  return StepOutcome::kNext;
+}
+
+// A generated template is round: one angle says everything.
+StepOutcome prep_one_angle_for_generated_template(PickoraRun& run) {
+  run.para.ang_step = 360.0f;
+  return StepOutcome::kNext;
+}
+
+bool gate_auto_T(const PickoraRun& run) { return run.para.auto_T != 0; }
+
+StepOutcome prep_allocate_image_buffers(PickoraRun& run) {
+  const size_t raw = static_cast<size_t>(run.sizes.nx) * static_cast<size_t>(run.sizes.ny);
+  const size_t work = work_pixels(run);
+  run.raw = host_alloc<float>(raw);
+  run.work = host_alloc<float>(work);
+  safe_cudaMalloc(&run.d_work, work * sizeof(float));
+  safe_cudaMalloc(&run.d_mask, work * sizeof(float));
+  safe_cudaMalloc(&run.d_ccmax, work * sizeof(float));
+  safe_cudaMalloc(&run.d_psi, work * sizeof(float));
+  safe_cudaMalloc(&run.d_ccmaxZ, work * sizeof(float));
+  return StepOutcome::kNext;
+}
+
+StepOutcome prep_grid(PickoraRun& run) {
+  pickora_set_grid_sizes(&run.para, &run.sizes);
+  const size_t cells = static_cast<size_t>(run.sizes.grid_cells);
+  safe_cudaMalloc(&run.d_grid, cells * sizeof(unsigned));
+  run.peak_index = host_alloc<unsigned>(cells);
+  run.peak_cc = host_alloc<float>(cells);
+  run.peak_psi = host_alloc<float>(cells);
+  return StepOutcome::kNext;
+}
+
+StepOutcome prep_print_time(PickoraRun& run) {
+  pickora_print_time("PREPARATION", run.t_run);
+  return StepOutcome::kNext;
+}
+
+const PickoraStep kPreparation[] = {
+    {4, "select the device", nullptr, prep_select_device},
+    {5, "first readable micrograph and its head", nullptr, prep_read_first_head},
+    {6, "work_size, shrunk_nx, shrunk_ny", nullptr, prep_work_sizes},
+    {7, "one angle for a generated template", gate_auto_T, prep_one_angle_for_generated_template},
+    // 8: template stack, tnx, tny, tnz (template loading); it calls pickora_check_template_fits
+    //    and allocates the template-sized buffers.
+    {9, "image buffers", nullptr, prep_allocate_image_buffers},
+    {10, "grid_step, grid cells and their buffers", nullptr, prep_grid},
+    // 11: normalised templates on the device and the area term (template normalisation).
+    // 12: write_normed_T: "pickora_normed_templates.mrcs" (template normalisation, MRC writing).
+    // 13: unless dont_invertT: invert the device templates (template normalisation).
+    {14, "PREPARATION time", nullptr, prep_print_time},
+};
+
+// --- One micrograph --------------------------------------------------------------------------
+
+StepOutcome mic_start(PickoraRun& run) {
+  run.t_step = pickora_now();
+  std::putchar('\n');
+  print_rule('-', 129);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_make_names(PickoraRun& run) {
+  mrcf_set_outname_by_suffix(run.name_box, run.name, "_pickora.box");
+  if (run.para.exclusive_picking)
+    mrcf_set_outname_by_suffix(run.name_excluded, run.name, run.para.excluded_suffix);
+  else
+    strlcpy(run.name_excluded, "NULL");
+  set_name_shrinked_box(run.name_candidates, run.name, run.para.shrink);
+  mrcf_set_outname_by_suffix(run.name_star, run.name, "_pickora.star");
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_skip_if_done(PickoraRun& run) {
+  if (!is_file_pickora_done(run.name_box) && !is_file_pickora_done(run.name_star)) return StepOutcome::kNext;
+  std::printf("Micrograph %s has already been processed. Automatically skipped.\n", run.name);
+  return StepOutcome::kSkipMicrograph;
+}
+
+StepOutcome mic_open_candidates(PickoraRun& run) {
+  run.fp_candidates = std::fopen(run.name_candidates, "w+");  // empties an older one
+  if (run.fp_candidates == nullptr) {
+    std::printf("Cannot write to file %s. Permission denied or no space left!\n", run.name_candidates);
+    PK_FATAL("open file '%s' failed.", run.name_candidates);
+  }
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_open_and_read_head(PickoraRun& run) {
+  run.fp_mic = PK_FOPEN_READ_OR_EXIT(run.name);
+  mrc_read_head(run.fp_mic, &run.head);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_check_head(PickoraRun& run) {
+  check_mrc_head_sizes_two(run.para.first_mic, run.name, &run.first_head, &run.head);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_read_slice(PickoraRun& run) {
+  std::printf("Reading File %s ...\n", run.name);
+  mrc_read_slice(run.fp_mic, &run.head, 0, 'z', run.raw);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_reading_time(PickoraRun& run) {
+  pickora_print_time("READING", run.t_step);
+  run.t_step = pickora_now();
+  std::printf("Normalizing the micrograph %s ...\n", run.name);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_copy_work_to_device(PickoraRun& run) {
+  PK_CUDA_CHECK(memcpy_H2D(run.d_work, run.work, work_pixels(run) * sizeof(float)));
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_clear_grid(PickoraRun& run) {
+  hcuda_empty(run.d_grid, static_cast<size_t>(run.sizes.grid_cells) * sizeof(unsigned));
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_normalization_time(PickoraRun& run) {
+  pickora_print_time("NORMALIZATION", run.t_step);
+  run.t_picking = pickora_now();
+  hcuda_memset_f32(run.d_ccmaxZ, -INFINITY, work_pixels(run));
+  return StepOutcome::kNext;
+}
+
+// Steps 1 to 26: from the names to the image that enters matching.
+const PickoraStep kMicrograph[] = {
+    {1, "clock and rule", nullptr, mic_start},
+    {2, "output names", nullptr, mic_make_names},
+    {3, "skip a finished micrograph", flag_gate<&Pickora_Para::do_unfinished>, mic_skip_if_done},
+    {4, "open the candidate file", nullptr, mic_open_candidates},
+    {5, "open the micrograph, read its head", nullptr, mic_open_and_read_head},
+    {6, "compare with the first head", nullptr, mic_check_head},
+    {7, "read slice 0", nullptr, mic_read_slice},
+    // 8: exclude file: access test, read_all_ptcl_boxes (coordinate reader).
+    {9, "READING time", nullptr, mic_reading_time},
+    // 10: shrink to the even square work image (shrinking).
+    // 11: mic_znorm: hm_normz_inplace on the host work image (host statistics).
+    {12, "work image to the device", nullptr, mic_copy_work_to_device},
+    // 13: do_pre_filter: pre-filter band-pass (band-pass filters).
+    // 14: write_pref_mic: "_pref.mrc" (MRC writing).
+    // 15: mic_znorm: hcuda_znorm_inplace (exclusion grid and mask).
+    {16, "clear the exclusion grid", nullptr, mic_clear_grid},
+    // 17: detect_ice: hcuda_2d_ice_detect (ice detection).
+    // 18: mask_excluded and excluded boxes: add_excluded_coords_to_ice (exclusion grid and mask).
+    // 19: global_excluded_box: add_excluded_boxf_to_ice (exclusion grid and mask).
+    // 20: do_bandpass: hcuda_2d_bandpass_guas_mpad_inplace (band-pass filters).
+    // 21: mic_znorm: hcuda_znorm_inplace (exclusion grid and mask).
+    // 22: hcuda_2d_generate_mask_by_coords (exclusion grid and mask).
+    // 23: write_mic_mask: "_mask.mrc" (MRC writing).
+    // 24: mic_wm_norm: hcuda_norm_withmask_inplace (exclusion grid and mask).
+    // 25: write_bgfree_mic: "_bgfree.mrc" (MRC writing).
+    {26, "NORMALIZATION time, ccmaxZ cleared", nullptr, mic_normalization_time},
+};
+
+// Steps 27 to 31, once per template (run.t). Empty until the matching arrives:
+//   27: "Template %03d", pickora_ccmax_psi_by_one_template (rotational matching).
+//   28: gpu_find_filter_ccmax_psi_grids_exclusive (grid peak search).
+//   29: output_pickora_coord_one_temp into the candidate file (candidate files).
+//   30: write_ccmax_z: hcuda_update_ccmax_2d (rotational matching).
+//   31: write_ccmax_mic: ccmax map to slice t of the host correlation stack.
+const PickoraStep* const kPerTemplate = nullptr;
+constexpr int kPerTemplateCount = 0;
+
+StepOutcome mic_close_micrograph(PickoraRun& run) {
+  std::fclose(run.fp_mic);
+  run.fp_mic = nullptr;
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_close_candidates(PickoraRun& run) {
+  std::fclose(run.fp_candidates);  // box_filter reads it back by name
+  run.fp_candidates = nullptr;
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_finished(PickoraRun& run) {
+  std::printf("File %s finished.\n", run.name);
+  pickora_print_time("PICKING", run.t_picking);
+  return StepOutcome::kNext;
+}
+
+// Steps 32 to 39, after the last template.
+const PickoraStep kAfterTemplates[] = {
+    // 32: write_ccmax_z: "_ccmaxZ.mrc" (MRC writing).
+    // 33: write_ccmax_mic: "_ccmax.mrc", tnz slices (MRC writing).
+    {34, "close the micrograph", nullptr, mic_close_micrograph},
+    {35, "close the candidate file", nullptr, mic_close_candidates},
+    // 36: box_filter into the final .box file, format 2 (box filter).
+    // 37: write_star: box_filter into the final .star file, format 1 (box filter).
+    // 38: extract_raw: mrcf_2d_extract_ptcls_from_micrograph (particle extraction).
+    {39, "finished line and PICKING time", nullptr, mic_finished},
+};
+
+template <size_t N>
+constexpr int count_of(const PickoraStep (&)[N]) {
+  return static_cast<int>(N);
+}
+
+void process_micrograph(PickoraRun& run, int mic) {
+  run.mic = mic;
+  run.name = run.para.files[mic];
+  if (run_steps(kMicrograph, count_of(kMicrograph), run) == StepOutcome::kSkipMicrograph) return;
+  for (run.t = 0; run.t < run.tnz; ++run.t) run_steps(kPerTemplate, kPerTemplateCount, run);
+  run_steps(kAfterTemplates, count_of(kAfterTemplates), run);
+}
+
+// --- Closing ---------------------------------------------------------------------------------
+
+void release_buffers(PickoraRun& run) {
+  std::free(run.raw);
+  std::free(run.work);
+  std::free(run.peak_index);
+  std::free(run.peak_cc);
+  std::free(run.peak_psi);
+  void* const device_buffers[] = {run.d_work, run.d_mask, run.d_ccmax, run.d_psi, run.d_ccmaxZ, run.d_grid};
+  for (void* d : device_buffers)
+    if (d != nullptr) PK_CUDA_CHECK(cudaFree(d));
+}
+
+void print_closing(const PickoraRun& run) {
+  print_rule('#', 129);
+  std::printf("All %d files finished successfully:\n", run.para.nfiles);
+  pickora_print_time("TOTAL", run.t_run);
+  print_rule('#', 129);
+  std::putchar('\n');
+  std::fflush(stdout);
+  pickora_put_one_random_tip();
+}
+
+}  // namespace
+
+int pickora_main(int argc, char** argv) {
+  const double t_run = pickora_now();
+  if (argc < 2) {
+    pickora_help(argv[0]);
+    return 0;
+  }
+  if (is_keywd_help(argv[1])) {
+    pickora_help_full(argv[0]);
+    return 0;
+  }
+  PickoraRun* run = new PickoraRun{};  // large: the name buffers and two heads
+  run->t_run = t_run;
+  run->argc = argc;
+  run->argv = argv;
+  pickora_init_parameters(argc, &run->para);
+  pickora_get_parameters(argc, argv, &run->para);
+  pickora_fput_parameters(argc, argv, &run->para, stdout);
+
+  run_steps(kPreparation, count_of(kPreparation), *run);
+  for (int mic = 0; mic < run->para.nfiles; ++mic) process_micrograph(*run, mic);
+
+  release_buffers(*run);
+  print_closing(*run);
+  pickora_free_parameters(&run->para);
+  delete run;
+  return 0;
+}
