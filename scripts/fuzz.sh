@@ -8,12 +8,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-60}
 shift || true
 build=${PICKORA_FUZZ_BUILD_DIR:-build-fuzz}
-if ! command -v clang++ >/dev/null 2>&1; then
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq clang libomp-dev libclang-rt-dev >/dev/null
-fi
+scripts/install-deps.sh clang libomp-dev libclang-rt-dev
 cmake -S . -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DPICKORA_FUZZ=ON \
   -DPICKORA_CUDA=OFF -DPICKORA_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 names=("$@")
