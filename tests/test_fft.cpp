@@ -17,6 +17,7 @@
 
 #include "cuda_fft/cuda_fft.h"
 #include "cuda_general/cuda_general.h"
+#include "support/device_data.h"
 #include "process2d_core/process2d_core.h"
 #include "process2d_raw/process2d_raw.h"
 
@@ -24,38 +25,6 @@ namespace {
 
 // ---------------------------------------------------------------------------------------------
 // Helpers
-
-template <class T>
-T* to_device(const std::vector<T>& h) {
-  T* d = nullptr;
-  safe_cudaMalloc(&d, sizeof(T) * (h.empty() ? 1 : h.size()));
-  if (!h.empty()) {
-    EXPECT_EQ(memcpy_H2D(d, h.data(), sizeof(T) * h.size()), cudaSuccess);
-  }
-  return d;
-}
-
-template <class T>
-T* device_zeros(size_t n) {
-  T* d = nullptr;
-  safe_cudaMalloc_empty(&d, sizeof(T) * n);
-  return d;
-}
-
-template <class T>
-std::vector<T> to_host(const T* d, size_t n) {
-  std::vector<T> h(n);
-  EXPECT_EQ(memcpy_D2H(h.data(), d, sizeof(T) * n), cudaSuccess);
-  return h;
-}
-
-std::vector<float> random_image(size_t n, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
-  std::vector<float> v(n);
-  for (auto& x : v) x = dist(gen);
-  return v;
-}
 
 std::vector<float> positive_image(size_t n, unsigned seed) {
   std::vector<float> v = random_image(n, seed);

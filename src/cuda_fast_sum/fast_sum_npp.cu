@@ -1,4 +1,4 @@
-// The float sum by the vendor's signal library, or by the stand-in of the backend.
+// The float sum by the vendor's signal library, or by its stand-in.
 #include "cuda_fast_sum/cuda_fast_sum.h"
 
 #include <cstdio>
@@ -6,14 +6,10 @@
 #include "cuda_general/platform.h"
 #include "cuda_general/report.h"
 
-#if PICKORA_BACKEND_CUDA
 #if defined(PICKORA_WITH_NPP) && PICKORA_WITH_NPP
 #include <npps.h>
 #else
-#include "device_npp.h"
-#endif
-#else
-#include "host_npp.h"
+#include "npp_standin.h"
 #endif
 
 namespace {

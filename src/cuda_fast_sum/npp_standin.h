@@ -1,5 +1,6 @@
-// Device stand-in for the float sum of the vendor's signal library, for CUDA builds without
-// it: the same two calls, summing with the main tree of cuda_fast_sum.h.
+// Stand-in for the two calls of the vendor's signal library that pickora makes, for builds
+// without that library (the CPU backend always, the CUDA backend where it is not installed):
+// the same signatures and codes, summing with the main tree of cuda_fast_sum.h.
 #pragma once
 
 typedef float Npp32f;

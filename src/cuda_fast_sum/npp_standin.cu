@@ -1,10 +1,10 @@
-// Device stand-in for the vendor's float sum; built only by CUDA builds without the library.
+// Stand-in for the vendor's float sum, for builds without the library.
 #include "cuda_general/platform.h"
 
-#if PICKORA_BACKEND_CUDA && !(defined(PICKORA_WITH_NPP) && PICKORA_WITH_NPP)
+#if !(defined(PICKORA_WITH_NPP) && PICKORA_WITH_NPP)
 
 #include "cuda_general/report.h"
-#include "device_npp.h"
+#include "npp_standin.h"
 #include "reduce_passes.h"
 
 NppStatus nppsSumGetBufferSize_32f(int nLength, int* hpBufferSize) {
