@@ -52,8 +52,8 @@ PICKORA_HD inline bool bandpass_outside(unsigned x, unsigned y, int n) {
   return x > static_cast<unsigned>(n / 2) || y >= static_cast<unsigned>(n);
 }
 
-PICKORA_HD inline float2& bandpass_element(float2* spec, unsigned x, unsigned y, int n) {
-  return spec[static_cast<unsigned long>(y) * static_cast<unsigned long>(n / 2 + 1) + x];
+PICKORA_HD inline float2& bandpass_element(float2* spectrum, unsigned x, unsigned y, int n) {
+  return spectrum[static_cast<unsigned long>(y) * static_cast<unsigned long>(n / 2 + 1) + x];
 }
 
 PICKORA_HD inline void bandpass_scale(float2& c, float w) {
@@ -76,13 +76,13 @@ PICKORA_HD inline float bandpass_gaussian(float d, float s) { return GAUSS_NORM 
 // Hard high-pass at R_hp; the pass band up to and including R_lp stays untouched; beyond it a
 // Gaussian roll-off of sigma soft / 3 (in Fourier pixels) that starts at GAUSS_NORM, reaches
 // GAUSS_NORM exp(-4.5) at R_lp + soft and is cut to 0 after that. With soft 0 it is sharp.
-PICKORA_HD inline void cuda_c2d_bandpass_softR(unsigned x, unsigned y, float2* spec, int n, float apix, float res1,
+PICKORA_HD inline void cuda_c2d_bandpass_softR(unsigned x, unsigned y, float2* spectrum, int n, float apix, float res1,
                                                float res2, float soft) {
   if (bandpass_outside(x, y, n)) return;
   const float r_lp = bandpass_lowpass_radius(n, apix, res1, res2);
   const float r_hp = bandpass_highpass_radius(n, apix, res1, res2);
   const float r = bandpass_radius(x, y, n);
-  float2& c = bandpass_element(spec, x, y, n);
+  float2& c = bandpass_element(spectrum, x, y, n);
   if (r < r_hp) {
     bandpass_clear(c);
   } else if (r <= r_lp) {
@@ -98,13 +98,13 @@ PICKORA_HD inline void cuda_c2d_bandpass_softR(unsigned x, unsigned y, float2* s
 // (sigma R_lp / 3) and a high-pass Gaussian centred at M = n / 2 + 1, one sample beyond the edge of
 // the transform (sigma (M - R_hp) / 3); each has fallen to exp(-4.5) of its height at its own
 // cut-off. Outside the band the element is cleared.
-PICKORA_HD inline void cuda_c2d_bandpass_guas(unsigned x, unsigned y, float2* spec, int n, float apix, float res1,
+PICKORA_HD inline void cuda_c2d_bandpass_guas(unsigned x, unsigned y, float2* spectrum, int n, float apix, float res1,
                                               float res2) {
   if (bandpass_outside(x, y, n)) return;
   const float r_lp = bandpass_lowpass_radius(n, apix, res1, res2);
   const float r_hp = bandpass_highpass_radius(n, apix, res1, res2);
   const float r = bandpass_radius(x, y, n);
-  float2& c = bandpass_element(spec, x, y, n);
+  float2& c = bandpass_element(spectrum, x, y, n);
   if (r < r_hp || r > r_lp) {
     bandpass_clear(c);
     return;
@@ -116,27 +116,27 @@ PICKORA_HD inline void cuda_c2d_bandpass_guas(unsigned x, unsigned y, float2* sp
 }
 
 // Untouched from R_hp up to and including R_lp, cleared elsewhere.
-PICKORA_HD inline void cuda_c2d_bandpass_sharp(unsigned x, unsigned y, float2* spec, int n, float apix, float res1,
+PICKORA_HD inline void cuda_c2d_bandpass_sharp(unsigned x, unsigned y, float2* spectrum, int n, float apix, float res1,
                                                float res2) {
   if (bandpass_outside(x, y, n)) return;
   const float r_lp = bandpass_lowpass_radius(n, apix, res1, res2);
   const float r_hp = bandpass_highpass_radius(n, apix, res1, res2);
   const float r = bandpass_radius(x, y, n);
-  if (r < r_hp || r > r_lp) bandpass_clear(bandpass_element(spec, x, y, n));
+  if (r < r_hp || r > r_lp) bandpass_clear(bandpass_element(spectrum, x, y, n));
 }
 
 // Cleared beyond the radius of `res`; the radius itself passes.
-PICKORA_HD inline void cuda_c2d_lowpass_sharp(unsigned x, unsigned y, float2* spec, int n, float apix, float res) {
+PICKORA_HD inline void cuda_c2d_lowpass_sharp(unsigned x, unsigned y, float2* spectrum, int n, float apix, float res) {
   if (bandpass_outside(x, y, n)) return;
   if (bandpass_radius(x, y, n) > bandpass_radius_of_resolution(n, apix, res))
-    bandpass_clear(bandpass_element(spec, x, y, n));
+    bandpass_clear(bandpass_element(spectrum, x, y, n));
 }
 
 // Cleared below the radius of `res`; the radius itself passes.
-PICKORA_HD inline void cuda_c2d_highpass_sharp(unsigned x, unsigned y, float2* spec, int n, float apix, float res) {
+PICKORA_HD inline void cuda_c2d_highpass_sharp(unsigned x, unsigned y, float2* spectrum, int n, float apix, float res) {
   if (bandpass_outside(x, y, n)) return;
   if (bandpass_radius(x, y, n) < bandpass_radius_of_resolution(n, apix, res))
-    bandpass_clear(bandpass_element(spec, x, y, n));
+    bandpass_clear(bandpass_element(spectrum, x, y, n));
 }
 
 // ---------------------------------------------------------------------------------------------

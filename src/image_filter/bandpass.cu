@@ -15,42 +15,42 @@ struct BandArgs {
 };
 
 // Launches one radial weight over the half spectrum of an n-sided transform.
-using SpectrumWeight = void (*)(float2* spec, int n, const BandArgs& args);
+using SpectrumWeight = void (*)(float2* spectrum, int n, const BandArgs& args);
 
-void weigh_softR(float2* spec, int n, const BandArgs& args) {
+void weigh_softR(float2* spectrum, int n, const BandArgs& args) {
   const float apix = args.apix, res1 = args.res1, res2 = args.res2, soft = args.soft;
   PK_LAUNCH_IMAGE(
       static_cast<unsigned>(n / 2 + 1), static_cast<unsigned>(n),
-      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2d_bandpass_softR(x, y, spec, n, apix, res1, res2, soft); });
+      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2d_bandpass_softR(x, y, spectrum, n, apix, res1, res2, soft); });
 }
 
-void weigh_guas(float2* spec, int n, const BandArgs& args) {
+void weigh_guas(float2* spectrum, int n, const BandArgs& args) {
   const float apix = args.apix, res1 = args.res1, res2 = args.res2;
   PK_LAUNCH_IMAGE(
       static_cast<unsigned>(n / 2 + 1), static_cast<unsigned>(n),
-      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2d_bandpass_guas(x, y, spec, n, apix, res1, res2); });
+      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2d_bandpass_guas(x, y, spectrum, n, apix, res1, res2); });
 }
 
-void weigh_sharp(float2* spec, int n, const BandArgs& args) {
+void weigh_sharp(float2* spectrum, int n, const BandArgs& args) {
   const float apix = args.apix, res1 = args.res1, res2 = args.res2;
   PK_LAUNCH_IMAGE(
       static_cast<unsigned>(n / 2 + 1), static_cast<unsigned>(n),
-      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2d_bandpass_sharp(x, y, spec, n, apix, res1, res2); });
+      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2d_bandpass_sharp(x, y, spectrum, n, apix, res1, res2); });
 }
 
 // The single-edge filters carry their one resolution in res1.
-void weigh_lowpass_sharp(float2* spec, int n, const BandArgs& args) {
+void weigh_lowpass_sharp(float2* spectrum, int n, const BandArgs& args) {
   const float apix = args.apix, res = args.res1;
   PK_LAUNCH_IMAGE(
       static_cast<unsigned>(n / 2 + 1), static_cast<unsigned>(n),
-      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2d_lowpass_sharp(x, y, spec, n, apix, res); });
+      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2d_lowpass_sharp(x, y, spectrum, n, apix, res); });
 }
 
-void weigh_highpass_sharp(float2* spec, int n, const BandArgs& args) {
+void weigh_highpass_sharp(float2* spectrum, int n, const BandArgs& args) {
   const float apix = args.apix, res = args.res1;
   PK_LAUNCH_IMAGE(
       static_cast<unsigned>(n / 2 + 1), static_cast<unsigned>(n),
-      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2d_highpass_sharp(x, y, spec, n, apix, res); });
+      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_c2d_highpass_sharp(x, y, spectrum, n, apix, res); });
 }
 
 template <class T>
@@ -64,11 +64,11 @@ T* device_alloc(std::size_t count) {
 // the two may be the same array.
 void filter_square(const float* in, float* out, int n, const BandArgs& args, SpectrumWeight weigh) {
   const unsigned side = static_cast<unsigned>(n);
-  float2* spec = device_alloc<float2>(static_cast<std::size_t>(fft_half_width(side)) * side);
-  hcuda_2d_fft_r2c(in, spec, side, side);
-  weigh(spec, n, args);
-  hcuda_2d_fft_c2r(spec, out, side, side);
-  PK_CUDA_CHECK(cudaFree(spec));
+  float2* spectrum = device_alloc<float2>(static_cast<std::size_t>(fft_half_width(side)) * side);
+  hcuda_2d_fft_r2c(in, spectrum, side, side);
+  weigh(spectrum, n, args);
+  hcuda_2d_fft_c2r(spectrum, out, side, side);
+  PK_CUDA_CHECK(cudaFree(spectrum));
 }
 
 // The N by N image through a 2 N by 2 N mirror-padded copy, filtered with n = 2 N.
