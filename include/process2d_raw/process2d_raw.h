@@ -53,3 +53,32 @@ void hcuda_2d_extract_smalls_from_large(float* out, int w, int h, int count, con
 void cpu_2d_extract_small_from_large(float* out, int w, int h, const float* image, int nx, int ny, int x0, int y0);
 void cpu_2d_extract_smalls_from_large(float* out, int w, int h, int count, const float* image, int nx, int ny,
                                       const int2* origins);
+
+// ---------------------------------------------------------------------------------------------
+// Mirror padding for filtering in Fourier space. The nx by ny image becomes the top-left quadrant
+// of a 2 nx by 2 ny image (row stride 2 nx) whose other quadrants are its mirror images, so the
+// edge rows and columns repeat and the periodic transform sees no jump, neither at the image
+// edges nor across the wrap. One thread per input pixel writes its four places.
+PICKORA_HD inline void cuda_2d_mirror_pad(unsigned x, unsigned y, float* out, const float* in, unsigned nx,
+                                          unsigned ny) {
+  if (x >= nx || y >= ny) return;
+  const unsigned long stride = 2UL * nx;
+  const unsigned long xm = stride - 1 - x, ym = 2UL * ny - 1 - y;
+  const float v = in[static_cast<unsigned long>(y) * nx + x];
+  out[y * stride + x] = v;
+  out[y * stride + xm] = v;
+  out[ym * stride + x] = v;
+  out[ym * stride + xm] = v;
+}
+
+// The inverse: one thread per output pixel copies the top-left quadrant of the padded image.
+// The other quadrants are dropped, nothing is averaged or scaled.
+PICKORA_HD inline void cuda_2d_mirror_pad_inv(unsigned x, unsigned y, float* out, const float* in, unsigned nx,
+                                              unsigned ny) {
+  if (x >= nx || y >= ny) return;
+  out[static_cast<unsigned long>(y) * nx + x] = in[static_cast<unsigned long>(y) * 2UL * nx + x];
+}
+
+// out is 2 nx by 2 ny for the padding, nx by ny for the inverse; launched over nx by ny threads.
+void hcuda_2d_mirror_pad(float* out, const float* in, unsigned nx, unsigned ny);
+void hcuda_2d_mirror_pad_inv(float* out, const float* in, unsigned nx, unsigned ny);
