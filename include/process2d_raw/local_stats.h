@@ -20,9 +20,7 @@
 #include <math.h>
 
 #include "cuda_general/platform.h"
-
-// 1 / sqrt(2 pi) in single precision: the height of the disc's Gaussian rim.
-constexpr float RMASK_GAUSS_NORM = 0.3989423f;
+#include "image_filter/image_filter.h"  // GAUSS_NORM, the height of the disc's Gaussian rim
 
 // Weight of pixel (x, y) of the soft disc centred at (cx, cy). The offsets are single
 // precision, their squared sum double precision; the rim is evaluated in single precision.
@@ -35,7 +33,7 @@ PICKORA_HD inline float rmask_soft_value(unsigned x, unsigned y, float cx, float
   if (d2 > static_cast<double>(radius) * static_cast<double>(radius)) {
     const float t = sqrtf(static_cast<float>(d2)) - radius;
     const float s = soft / 3.0f;
-    return RMASK_GAUSS_NORM * expf(-(t * t) / (2.0f * s * s));
+    return GAUSS_NORM * expf(-(t * t) / (2.0f * s * s));
   }
   return 1.0f;
 }
