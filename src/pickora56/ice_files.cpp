@@ -1,0 +1,48 @@
+// The rejected-cell files of the contamination scan.
+#include <cstdio>
+
+#include "cuda_general/report.h"
+#include "pickora56/ice_detect.h"
+
+namespace {
+
+// Coordinate-only STAR head.
+void write_xy_star_head(FILE* f) {
+  std::fputs("\ndata_\n", f);
+  std::fputs("\nloop_\n", f);
+  std::fputs("_rlnCoordinateX #1\n", f);
+  std::fputs("_rlnCoordinateY #2\n", f);
+}
+
+// A recorded pixel near the rim would give a box reaching out of the square; such cells stay
+// in the grid but are not listed.
+bool away_from_rim(int x, int y, int nx, int ny, int half) {
+  return x < nx - half && y < ny - half && x > half && y > half;
+}
+
+}  // namespace
+
+int output_ice_coord(const char* path, const unsigned int* grid, const float* cell_ave, const float* cell_sigma,
+                     int nx, int ny, int2 origin, int ice_step, int shrink, int mode) {
+  FILE* f = std::fopen(path, "w");
+  if (f == nullptr) {
+    std::printf("Cannot write to file %s. Permission denied or no space left!\n", path);
+    PK_FATAL("open file '%s' failed.", path);
+  }
+  if (mode == 1) write_xy_star_head(f);
+  const int half = ice_step / 2;
+  const int cells = ice_cells_across(nx, ice_step) * ice_cells_across(ny, ice_step);
+  const unsigned width = static_cast<unsigned>(nx);
+  for (int c = 0; c < cells; ++c) {
+    if (grid[c] == 0) continue;
+    const int x = static_cast<int>(grid[c] % width), y = static_cast<int>(grid[c] / width);
+    if (!away_from_rim(x, y, nx, ny, half)) continue;
+    if (mode == 1)
+      std::fprintf(f, "%-8d%-8d\n", x * shrink + origin.x, y * shrink + origin.y);
+    else
+      std::fprintf(f, "%-8d%-8d%-8d%-8d\t%-8.6f\t%-8.6f\n", (x - half) * shrink + origin.x,
+                   (y - half) * shrink + origin.y, ice_step * shrink, ice_step * shrink, cell_ave[c], cell_sigma[c]);
+  }
+  std::fclose(f);
+  return 0;
+}

@@ -1,0 +1,281 @@
+// Contamination detection: the soft disc, the local maps, the cell scan, the rejected files
+// and the whole detection on a synthetic micrograph.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "cuda_general/cuda_general.h"
+#include "mrcfile/mrcfile.h"
+#include "pickora56/ice_detect.h"
+#include "process2d_raw/local_stats.h"
+#include "support/device_data.h"
+#include "support/exit_report.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+TEST(SoftDisc, FlatCoreGaussianRimAndZeroBeyond) {
+  // Centre (10, 10), radius 3, soft 3: along the row the distance is |x - 10|.
+  const unsigned n = 21;
+  float* d = device_zeros<float>(n * n);
+  hcuda_2d_generate_rmask_soft(d, n, n, 10.0f, 10.0f, 3.0f, 3.0f);
+  const std::vector<float> m = to_host(d, n * n);
+  const float g = 0.3989423f;
+  const struct { unsigned x; float want; } cases[] = {
+      {10, 1.0f}, {13, 1.0f},                       // on the radius is still inside
+      {14, g * std::exp(-0.5f)},                    // t = 1, S = 1
+      {16, g * std::exp(-4.5f)},                    // radius + soft is the last non-zero
+      {17, 0.0f}, {20, 0.0f}};
+  for (const auto& c : cases) EXPECT_NEAR(m[10 * n + c.x], c.want, 1e-7f) << "x " << c.x;
+  cudaFree(d);
+}
+
+// The padded local mean and sigma written directly: the image mirrored into 2 nx by 2 ny, the
+// disc of that size centred between its middle pixels, the mean at (x, y) over the periodic
+// padded image with the disc's centre on (x - 0.5, y - 0.5). Double precision.
+void reference_local_maps(const std::vector<float>& img, int nx, int ny, float radius, float soft,
+                          std::vector<double>& ave, std::vector<double>& sigma) {
+  const int px = 2 * nx, py = 2 * ny;
+  auto padded = [&](int x, int y) {
+    x = ((x % px) + px) % px;
+    y = ((y % py) + py) % py;
+    return static_cast<double>(img[(y < ny ? y : py - 1 - y) * nx + (x < nx ? x : px - 1 - x)]);
+  };
+  std::vector<double> w(static_cast<size_t>(px) * py);
+  double wsum = 0.0;
+  for (int ty = 0; ty < py; ++ty)
+    for (int tx = 0; tx < px; ++tx) {
+      w[ty * px + tx] = rmask_soft_value(tx, ty, (px - 1) * 0.5f, (py - 1) * 0.5f, radius, soft);
+      wsum += w[ty * px + tx];
+    }
+  ave.assign(static_cast<size_t>(nx) * ny, 0.0);
+  sigma.assign(ave.size(), 0.0);
+  for (int y = 0; y < ny; ++y)
+    for (int x = 0; x < nx; ++x) {
+      double s1 = 0.0, s2 = 0.0;
+      for (int ty = 0; ty < py; ++ty)
+        for (int tx = 0; tx < px; ++tx) {
+          if (w[ty * px + tx] == 0.0) continue;
+          const double v = padded(tx + x - nx, ty + y - ny);
+          s1 += w[ty * px + tx] * v;
+          s2 += w[ty * px + tx] * v * v;
+        }
+      const double mean = s1 / wsum;
+      ave[y * nx + x] = mean;
+      sigma[y * nx + x] = std::sqrt(s2 / wsum - mean * mean);
+    }
+}
+
+TEST(LocalMaps, PaddedMeanAndSigmaMatchDirectSums) {
+  const int nx = 24, ny = 16;
+  const float radius = 3.0f, soft = 2.5f;
+  const std::vector<float> img = random_image(nx * ny, 11);
+  std::vector<double> ref_ave, ref_sigma;
+  reference_local_maps(img, nx, ny, radius, soft, ref_ave, ref_sigma);
+
+  float* d_img = to_device(img);
+  float* d_ave = device_zeros<float>(nx * ny);
+  float* d_sigma = device_zeros<float>(nx * ny);
+  hcuda_2d_local_ave_softR_mpad(d_ave, d_img, nx, ny, radius, soft);
+  hcuda_2d_local_sigma_softR_mpad(d_sigma, d_img, nx, ny, radius, soft);
+  const std::vector<float> ave = to_host(d_ave, nx * ny), sigma = to_host(d_sigma, nx * ny);
+  EXPECT_EQ(to_host(d_img, nx * ny), img);  // the input is only read
+  for (int i = 0; i < nx * ny; ++i) {
+    ASSERT_NEAR(ave[i], ref_ave[i], 1e-5) << "pixel " << i;
+    ASSERT_NEAR(sigma[i], ref_sigma[i], 1e-4) << "pixel " << i;
+  }
+  // In place gives the same map.
+  hcuda_2d_bg_mpad_inplace(d_img, nx, ny, radius, soft);
+  EXPECT_EQ(to_host(d_img, nx * ny), ave);
+  cudaFree(d_img);
+  cudaFree(d_ave);
+  cudaFree(d_sigma);
+}
+
+// ---- The cell scan ---------------------------------------------------------------------------
+
+struct ScanCase {
+  const char* name;
+  std::vector<float> ave, sigma;  // one 4 x 4 cell, scan order
+  unsigned want_word;
+};
+
+std::vector<float> filled(float v) { return std::vector<float>(16, v); }
+std::vector<float> with(std::vector<float> m, std::initializer_list<std::pair<int, float>> set) {
+  for (auto [i, v] : set) m[i] = v;
+  return m;
+}
+std::vector<float> ramp(float start, float step) {
+  std::vector<float> m(16);
+  for (int i = 0; i < 16; ++i) m[i] = start + step * static_cast<float>(i);
+  return m;
+}
+
+TEST(SigmaGrids, RecordRules) {
+  // Cut-offs: lave_min -1, lave_max 1, lsigma_cutoff 1.3.
+  const std::vector<ScanCase> cases = {
+      {"only the first pixel beyond", filled(0.0f), with(filled(0.5f), {{0, 2.0f}}), 0},
+      {"constant beyond the cut-off", filled(0.0f), filled(2.0f), 0},
+      {"exactly at the cut-off", filled(0.0f), with(filled(0.5f), {{5, 1.3f}}), 0},
+      {"just above the cut-off", filled(0.0f), with(filled(0.5f), {{5, 1.31f}}), 5},
+      {"falling average: last new low", ramp(-0.5f, -0.16f), filled(0.5f), 15},
+      {"rising from -3: nothing", ramp(-3.0f, 0.1f), filled(0.5f), 0},
+      {"bright then dark: the later stands", with(filled(0.0f), {{4, 1.5f}, {9, -1.5f}}), filled(0.5f), 9},
+      // The record is one pair: taking pixel 6 for its average also puts its sigma 0.5 on
+      // record, so pixel 9 (1.5, below the earlier 2.0) is taken after it.
+      {"one pair on record", with(filled(0.0f), {{6, 1.5f}}), with(filled(0.5f), {{3, 2.0f}, {9, 1.5f}}), 9},
+  };
+  float* d_ave = device_zeros<float>(16);
+  float* d_sigma = device_zeros<float>(16);
+  unsigned* d_grid = device_zeros<unsigned>(1);
+  float* d_cave = device_zeros<float>(1);
+  float* d_csig = device_zeros<float>(1);
+  for (const auto& c : cases) {
+    EXPECT_EQ(memcpy_H2D(d_ave, c.ave.data(), 64), cudaSuccess);
+    EXPECT_EQ(memcpy_H2D(d_sigma, c.sigma.data(), 64), cudaSuccess);
+    hcuda_memset_uint(d_grid, 77u, 1);
+    hcuda_find_sigma_grids(d_ave, d_sigma, d_grid, d_cave, d_csig, 4, 4, 4, -1.0f, 1.0f, 1.3f);
+    EXPECT_EQ(to_host(d_grid, 1)[0], c.want_word) << c.name;
+    EXPECT_EQ(to_host(d_cave, 1)[0], c.ave[c.want_word]) << c.name;
+    EXPECT_EQ(to_host(d_csig, 1)[0], c.sigma[c.want_word]) << c.name;
+  }
+  for (void* p : {(void*)d_ave, (void*)d_sigma, (void*)d_grid, (void*)d_cave, (void*)d_csig}) cudaFree(p);
+}
+
+TEST(SigmaGrids, PartialCellsAreScannedAndNothingIsWrittenPastTheGrid) {
+  // 6 x 6 with cells of 4: 2 x 2 cells, the last column and row 2 pixels wide.
+  const int n = 6;
+  std::vector<float> sigma(n * n, 0.5f);
+  sigma[5 * n + 5] = 3.0f;
+  float* d_ave = to_device(std::vector<float>(n * n, 0.0f));
+  float* d_sigma = to_device(sigma);
+  unsigned* d_grid = to_device(std::vector<unsigned>(5, 99u));
+  float* d_cave = to_device(std::vector<float>(5, 99.0f));
+  float* d_csig = to_device(std::vector<float>(5, 99.0f));
+  hcuda_find_sigma_grids(d_ave, d_sigma, d_grid, d_cave, d_csig, n, n, 4, -1.0f, 1.0f, 1.3f);
+  EXPECT_EQ(to_host(d_grid, 5), (std::vector<unsigned>{0, 0, 0, 35, 99}));
+  EXPECT_EQ(to_host(d_csig, 5)[4], 99.0f);
+  for (void* p : {(void*)d_ave, (void*)d_sigma, (void*)d_grid, (void*)d_cave, (void*)d_csig}) cudaFree(p);
+}
+
+// ---- The rejected files ----------------------------------------------------------------------
+
+TEST(RejectedFiles, LinesAndRimRule) {
+  // work_size 1024, cells of 84 (13 x 13), shrink 4, so half = 42.
+  const int n = 1024, step = 84, cols = 13;
+  std::vector<unsigned> grid(cols * cols, 0);
+  std::vector<float> ave(grid.size(), 0.0f), sigma(grid.size(), 0.0f);
+  auto mark = [&](int x, int y) {
+    const int cell = (y / step) * cols + x / step;
+    grid[cell] = static_cast<unsigned>(y * n + x);
+    ave[cell] = 1.5f;
+    sigma[cell] = 0.75f;
+  };
+  mark(42, 100);   // on the rim band: kept in the grid, not listed
+  mark(43, 200);   // just inside
+  mark(500, 300);
+  mark(981, 500);  // last column inside: x < 1024 - 42
+  mark(982, 600);  // on the far rim band
+  TempDir dir;
+  const std::string box = dir.file("m_rejected.box"), star = dir.file("m_rejected.star");
+  output_ice_coord(box.c_str(), grid.data(), ave.data(), sigma.data(), n, n, int2{0, 0}, step, 4, 2);
+  output_ice_coord(star.c_str(), grid.data(), ave.data(), sigma.data(), n, n, int2{0, 0}, step, 4, 1);
+  EXPECT_EQ(read_file_text(box),
+            "4       632     336     336     \t1.500000\t0.750000\n"
+            "1832    1032    336     336     \t1.500000\t0.750000\n"
+            "3756    1832    336     336     \t1.500000\t0.750000\n");
+  EXPECT_EQ(read_file_text(star),
+            "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n"
+            "172     800     \n"
+            "2000    1200    \n"
+            "3924    2000    \n");
+}
+
+TEST(RejectedFilesDeathTest, UnwritablePathEndsTheRun) {
+  std::vector<unsigned> grid(1, 0);
+  std::vector<float> v(1, 0.0f);
+  EXPECT_EXIT_REPORT(output_ice_coord("/nonexistent-dir/x_rejected.box", grid.data(), v.data(), v.data(), 16, 16,
+                                      int2{0, 0}, 16, 1, 2),
+                     "Cannot write to file /nonexistent-dir/x_rejected.box.*open file "
+                     "'/nonexistent-dir/x_rejected.box' failed");
+}
+
+// ---- The whole detection ---------------------------------------------------------------------
+
+TEST(IceDetect, BrightAndDarkBlobsRejectTheirCellsOnly) {
+  const int n = 256, step = 32, cols = n / step;
+  std::mt19937 gen(5);
+  std::normal_distribution<float> noise(0.0f, 1.0f);
+  std::vector<float> img(n * n);
+  for (auto& v : img) v = noise(gen);
+  const struct { int x, y; float value; } blobs[] = {{80, 80, 4.0f}, {176, 144, -4.0f}};
+  for (const auto& b : blobs)
+    for (int y = 0; y < n; ++y)
+      for (int x = 0; x < n; ++x)
+        if ((x - b.x) * (x - b.x) + (y - b.y) * (y - b.y) <= 12 * 12) img[y * n + x] = b.value;
+
+  Pickora_Para para{};
+  para.apixM = 1.0f;
+  para.shrink = 1;
+  para.min_dist = 45.3f;  // cells of trunc(1.4142135 * 45.3 / 2) = 32
+  para.lave_radius = 6.0f;
+  para.lsigma_radius = 6.0f;
+  para.local_soft_edge = 8.0f;
+  para.lave_min = -1.0f;
+  para.lave_max = 1.0f;
+  para.lsigma_cutoff = 1.3f;
+  para.write_rejected_box = 1;
+  para.write_bg_mic = 1;
+  ASSERT_EQ(ice_detect_step(&para), step);
+
+  TempDir dir;
+  const std::string mic = dir.file("mic.mrc");
+  float* d_img = to_device(img);
+  unsigned* d_grid = device_zeros<unsigned>(cols * cols);
+  EXPECT_EQ(hcuda_2d_ice_detect(d_img, n, n, int2{0, 0}, d_grid, mic.c_str(), &para), 0);
+  const std::vector<unsigned> grid = to_host(d_grid, cols * cols);
+  EXPECT_EQ(to_host(d_img, n * n), img);
+
+  // A cell is expected marked when it holds a blob's centre, clear when all of it lies farther
+  // from both blobs than the blob radius plus the disc's reach.
+  const int reach = 12 + 6 + 8 + 2;
+  for (int gy = 0; gy < cols; ++gy)
+    for (int gx = 0; gx < cols; ++gx) {
+      bool holds_blob = false, far = true;
+      for (const auto& b : blobs) {
+        holds_blob |= b.x / step == gx && b.y / step == gy;
+        const int dx = std::max({gx * step - b.x, b.x - (gx * step + step - 1), 0});
+        const int dy = std::max({gy * step - b.y, b.y - (gy * step + step - 1), 0});
+        far &= dx * dx + dy * dy > reach * reach;
+      }
+      const unsigned word = grid[gy * cols + gx];
+      if (holds_blob) {
+        EXPECT_NE(word, 0u) << "cell " << gx << "," << gy;
+      }
+      if (far) {
+        EXPECT_EQ(word, 0u) << "cell " << gx << "," << gy;
+      }
+      if (word != 0) {  // the recorded pixel lies in its own cell
+        EXPECT_EQ(static_cast<int>(word % n) / step, gx);
+        EXPECT_EQ(static_cast<int>(word / n) / step, gy);
+      }
+    }
+
+  const std::string box_text = read_file_text(dir.file("mic_rejected.box"));
+  const std::string star_text = read_file_text(dir.file("mic_rejected.star"));
+  EXPECT_FALSE(box_text.empty());
+  EXPECT_EQ(std::count(box_text.begin(), box_text.end(), '\n') + 6,
+            std::count(star_text.begin(), star_text.end(), '\n'));  // the same cells; the head has 6 line ends
+  int bg_nx = 0, bg_ny = 0;
+  get_mrcf_xy(bg_nx, bg_ny, dir.file("mic_bg.mrc").c_str());
+  EXPECT_EQ(bg_nx, n);
+  EXPECT_EQ(bg_ny, n);
+  cudaFree(d_img);
+  cudaFree(d_grid);
+}
+
+}  // namespace
