@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "boxfile/ptcl_box.h"
 #include "mrcfile/mrcfile.h"
 #include "pickora56/pickora_para.h"
 
@@ -67,6 +68,8 @@ struct PickoraRun {
   float* d_psi;
   float* d_ccmaxZ;
   unsigned* d_grid;  // device, grid_cells: exclusion grid
+  PTCL_BOX* excluded;  // host, grid_cells: boxes of the current exclude file
+  int excluded_count;
   unsigned* peak_index;  // host, grid_cells each: one peak search
   float* peak_cc;
   float* peak_psi;

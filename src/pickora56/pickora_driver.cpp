@@ -10,8 +10,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "boxfile/box_filter.h"
+#include "boxfile/extract_particles.h"
 #include "cuda_general/cuda_general.h"
 #include "cuda_general/report.h"
+#include "image_filter/image_filter.h"
+#include "math_utils/device_stats.h"
+#include "pickora56/exclusion_mask.h"
+#include "pickora56/ice_detect.h"
 #include "pickora56/pickora_help.h"
 #include "txt_file/arrays_strings.h"
 #include "txt_file/txt_file.h"
@@ -174,6 +180,7 @@ StepOutcome prep_grid(PickoraRun& run) {
   run.peak_index = host_alloc<unsigned>(cells);
   run.peak_cc = host_alloc<float>(cells);
   run.peak_psi = host_alloc<float>(cells);
+  run.excluded = new PTCL_BOX[cells];
   return StepOutcome::kNext;
 }
 
@@ -249,6 +256,18 @@ StepOutcome mic_read_slice(PickoraRun& run) {
   return StepOutcome::kNext;
 }
 
+StepOutcome mic_read_excluded(PickoraRun& run) {
+  run.excluded_count = 0;
+  if (is_str_null(run.name_excluded)) return StepOutcome::kNext;
+  if (check_file_access(run.name_excluded, "FR") != 0) {
+    strlcpy(run.name_excluded, "NULL");
+    return StepOutcome::kNext;
+  }
+  run.excluded_count = read_all_ptcl_boxes(run.excluded, run.sizes.grid_cells, run.name_excluded);
+  std::printf("%8d particles in file %s excluded from auto-picking \n", run.excluded_count, run.name_excluded);
+  return StepOutcome::kNext;
+}
+
 StepOutcome mic_reading_time(PickoraRun& run) {
   pickora_print_time("READING", run.t_step);
   run.t_step = pickora_now();
@@ -259,6 +278,76 @@ StepOutcome mic_reading_time(PickoraRun& run) {
 StepOutcome mic_copy_work_to_device(PickoraRun& run) {
   PK_CUDA_CHECK(memcpy_H2D(run.d_work, run.work, work_pixels(run) * sizeof(float)));
   return StepOutcome::kNext;
+}
+
+// The diagnostic images are one work_size square slice, written from the device.
+void write_work_map(const PickoraRun& run, const float* d_map, const char* suffix) {
+  char name[1024];
+  mrcf_set_outname_by_suffix(name, run.name, suffix);
+  mrcf_write_xyz_ddata(name, d_map, run.sizes.work_size, run.sizes.work_size, 1);
+}
+
+float work_pixel_size(const PickoraRun& run) { return static_cast<float>(run.para.shrink) * run.para.apixM; }
+
+// The pre-filter's low-pass sits at the work image's Nyquist limit.
+StepOutcome mic_pre_filter(PickoraRun& run) {
+  const float s = static_cast<float>(run.para.shrink);
+  hcuda_2d_bandpass_softR_mpad_inplace(run.d_work, run.sizes.work_size, run.para.apixM * s,
+                                       s * (2.0f * run.para.apixM), run.para.pre_hp, 8.0f);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_write_pref(PickoraRun& run) {
+  write_work_map(run, run.d_work, "_pref.mrc");
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_device_znorm(PickoraRun& run) {
+  hcuda_znorm_inplace(run.d_work, work_pixels(run), 1.0f, 0.0f);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_detect_ice(PickoraRun& run) {
+  hcuda_2d_ice_detect(run.d_work, run.sizes.work_size, run.sizes.work_size, make_int2(0, 0), run.d_grid, run.name,
+                      &run.para);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_add_exclusions(PickoraRun& run) {
+  pickora_add_exclusions_to_grid(run.d_grid, run.sizes.work_size, run.sizes.work_size, run.sizes.grid_step,
+                                 run.excluded, run.excluded_count, &run.para);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_bandpass(PickoraRun& run) {
+  hcuda_2d_bandpass_guas_mpad_inplace(run.d_work, run.sizes.work_size, work_pixel_size(run), run.para.lp,
+                                      run.para.hp);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_make_mask(PickoraRun& run) {
+  hcuda_2d_generate_mask_by_coords(run.d_mask, run.d_work, run.sizes.work_size, run.sizes.work_size,
+                                   run.sizes.grid_step, run.d_grid, 0);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_write_mask(PickoraRun& run) {
+  write_work_map(run, run.d_mask, "_mask.mrc");
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_masked_norm(PickoraRun& run) {
+  hcuda_norm_withmask_inplace(run.d_work, run.d_mask, work_pixels(run), 1.0f, 0.0f);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_write_bgfree(PickoraRun& run) {
+  write_work_map(run, run.d_work, "_bgfree.mrc");
+  return StepOutcome::kNext;
+}
+
+bool gate_exclusions(const PickoraRun& run) {
+  return (run.para.mask_excluded && run.excluded_count > 0) || !is_str_null(run.para.global_excluded_box);
 }
 
 StepOutcome mic_clear_grid(PickoraRun& run) {
@@ -282,24 +371,23 @@ const PickoraStep kMicrograph[] = {
     {5, "open the micrograph, read its head", nullptr, mic_open_and_read_head},
     {6, "compare with the first head", nullptr, mic_check_head},
     {7, "read slice 0", nullptr, mic_read_slice},
-    // 8: exclude file: access test, read_all_ptcl_boxes (coordinate reader).
+    {8, "exclude file", nullptr, mic_read_excluded},
     {9, "READING time", nullptr, mic_reading_time},
     // 10: shrink to the even square work image (shrinking).
     // 11: mic_znorm: hm_normz_inplace on the host work image (host statistics).
     {12, "work image to the device", nullptr, mic_copy_work_to_device},
-    // 13: do_pre_filter: pre-filter band-pass (band-pass filters).
-    // 14: write_pref_mic: "_pref.mrc" (MRC writing).
-    // 15: mic_znorm: hcuda_znorm_inplace (exclusion grid and mask).
+    {13, "pre-filter", flag_gate<&Pickora_Para::do_pre_filter>, mic_pre_filter},
+    {14, "_pref.mrc", flag_gate<&Pickora_Para::write_pref_mic>, mic_write_pref},
+    {15, "normalise on the device", flag_gate<&Pickora_Para::mic_znorm>, mic_device_znorm},
     {16, "clear the exclusion grid", nullptr, mic_clear_grid},
-    // 17: detect_ice: hcuda_2d_ice_detect (ice detection).
-    // 18: mask_excluded and excluded boxes: add_excluded_coords_to_ice (exclusion grid and mask).
-    // 19: global_excluded_box: add_excluded_boxf_to_ice (exclusion grid and mask).
-    // 20: do_bandpass: hcuda_2d_bandpass_guas_mpad_inplace (band-pass filters).
-    // 21: mic_znorm: hcuda_znorm_inplace (exclusion grid and mask).
-    // 22: hcuda_2d_generate_mask_by_coords (exclusion grid and mask).
-    // 23: write_mic_mask: "_mask.mrc" (MRC writing).
-    // 24: mic_wm_norm: hcuda_norm_withmask_inplace (exclusion grid and mask).
-    // 25: write_bgfree_mic: "_bgfree.mrc" (MRC writing).
+    {17, "ice and contamination", flag_gate<&Pickora_Para::detect_ice>, mic_detect_ice},
+    {18, "excluded coordinates, per micrograph and global", gate_exclusions, mic_add_exclusions},
+    {20, "band-pass", flag_gate<&Pickora_Para::do_bandpass>, mic_bandpass},
+    {21, "normalise again", flag_gate<&Pickora_Para::mic_znorm>, mic_device_znorm},
+    {22, "picking mask", nullptr, mic_make_mask},
+    {23, "_mask.mrc", flag_gate<&Pickora_Para::write_mic_mask>, mic_write_mask},
+    {24, "normalise under the mask", flag_gate<&Pickora_Para::mic_wm_norm>, mic_masked_norm},
+    {25, "_bgfree.mrc", flag_gate<&Pickora_Para::write_bgfree_mic>, mic_write_bgfree},
     {26, "NORMALIZATION time, ccmaxZ cleared", nullptr, mic_normalization_time},
 };
 
@@ -324,6 +412,27 @@ StepOutcome mic_close_candidates(PickoraRun& run) {
   return StepOutcome::kNext;
 }
 
+void filter_candidates(const PickoraRun& run, const char* output, int mode) {
+  box_filter(run.sizes.shrunk_nx, run.sizes.shrunk_ny, run.para.min_dist_px, run.para.cc_cutoff,
+             static_cast<float>(run.para.shrink), run.para.boxsize, run.para.boxsize, make_int2(0, 0),
+             run.name_candidates, run.name_excluded, output, mode);
+}
+
+StepOutcome mic_box_filter(PickoraRun& run) {
+  filter_candidates(run, run.name_box, BOX_FILTER_BOX);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_star_filter(PickoraRun& run) {
+  filter_candidates(run, run.name_star, BOX_FILTER_STAR);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_extract(PickoraRun& run) {
+  mrcf_2d_extract_ptcls_from_micrograph(run.name, run.name_box, run.para.boxsize, 0);
+  return StepOutcome::kNext;
+}
+
 StepOutcome mic_finished(PickoraRun& run) {
   std::printf("File %s finished.\n", run.name);
   pickora_print_time("PICKING", run.t_picking);
@@ -336,9 +445,9 @@ const PickoraStep kAfterTemplates[] = {
     // 33: write_ccmax_mic: "_ccmax.mrc", tnz slices (MRC writing).
     {34, "close the micrograph", nullptr, mic_close_micrograph},
     {35, "close the candidate file", nullptr, mic_close_candidates},
-    // 36: box_filter into the final .box file, format 2 (box filter).
-    // 37: write_star: box_filter into the final .star file, format 1 (box filter).
-    // 38: extract_raw: mrcf_2d_extract_ptcls_from_micrograph (particle extraction).
+    {36, "box filter into the final .box file", nullptr, mic_box_filter},
+    {37, "box filter into the final .star file", flag_gate<&Pickora_Para::write_star>, mic_star_filter},
+    {38, "particle stack", flag_gate<&Pickora_Para::extract_raw>, mic_extract},
     {39, "finished line and PICKING time", nullptr, mic_finished},
 };
 
@@ -363,6 +472,7 @@ void release_buffers(PickoraRun& run) {
   std::free(run.peak_index);
   std::free(run.peak_cc);
   std::free(run.peak_psi);
+  delete[] run.excluded;
   void* const device_buffers[] = {run.d_work, run.d_mask, run.d_ccmax, run.d_psi, run.d_ccmaxZ, run.d_grid};
   for (void* d : device_buffers)
     if (d != nullptr) PK_CUDA_CHECK(cudaFree(d));
