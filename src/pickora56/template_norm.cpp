@@ -39,7 +39,8 @@ void zero_outside_circle_submean(float* image, int nx, int ny, float r) {
   for (size_t i = 0; i < n; ++i) image[i] = image[i] - mean;
 }
 
-void normalize_slice(float* slice, int tnx, int tny, int T_norm_type, float r, float m) {
+// False for a type this program does not know; the slice is then left as it is.
+bool normalize_slice(float* slice, int tnx, int tny, int T_norm_type, float r, float m) {
   const unsigned long n = static_cast<unsigned long>(tnx) * static_cast<unsigned long>(tny);
   switch (T_norm_type) {
     case 1:
@@ -56,9 +57,9 @@ void normalize_slice(float* slice, int tnx, int tny, int T_norm_type, float r, f
       break;
     }
     default:
-      PK_WARNING("Invalid T_norm_type!");
-      break;
+      return false;
   }
+  return true;
 }
 
 }  // namespace
@@ -101,7 +102,7 @@ int normalize_template_data(float* d_out, const float* h_in, int tnx, int tny, i
   if (scratch == nullptr) PK_FATAL("Not enough memory for a template of %d x %d pixels", tnx, tny);
   for (int z = 0; z < tnz; ++z) {
     std::memcpy(scratch, h_in + z * slice, sizeof(float) * slice);
-    normalize_slice(scratch, tnx, tny, T_norm_type, r, m);
+    if (!normalize_slice(scratch, tnx, tny, T_norm_type, r, m)) PK_WARNING("Invalid T_norm_type!");
     PK_CUDA_CHECK(memcpy_H2D(d_out + z * slice, scratch, sizeof(float) * slice));
   }
   std::free(scratch);
