@@ -167,8 +167,7 @@ TEST(SquareExtension, FillAndMirrorCopies) {
   EXPECT_EQ(sq, (std::vector<float>{1, 2, 3, 4, 5, 6, 0.5f, 0.5f, 0.5f}));
   cpu_2d_extend_to_square_mirror(sq.data(), raw.data(), 3, 2);
   EXPECT_EQ(sq, (std::vector<float>{1, 2, 3, 4, 5, 6, 4, 5, 6}));
-  const std::vector<float> tall = {1, 2, 3, 4, 5, 6};  // 2 wide, 3 high
-  cpu_2d_extend_to_square(sq.data(), tall.data(), 2, 3, 0.0f);
+  cpu_2d_extend_to_square(sq.data(), raw.data(), 2, 3, 0.0f);  // 2 wide, 3 high
   EXPECT_EQ(sq, (std::vector<float>{1, 2, 0, 3, 4, 0, 5, 6, 0}));
   // 4 x 2 is beyond the aspect limit: nothing is written and the run goes on.
   std::vector<float> big(16, -1.0f);

@@ -65,8 +65,10 @@ PICKORA_HD inline void cuda_2d_scale(unsigned x, unsigned y, float* out, const f
   const int ony = static_cast<int>(static_cast<float>(ny) * f);
   if (static_cast<long>(x) >= onx || static_cast<long>(y) >= ony) return;
   const float inv = 1.0f / f;
-  const float sx = inv * (static_cast<float>(x) - static_cast<float>(onx - 1) * 0.5f) + static_cast<float>(nx - 1) * 0.5f;
-  const float sy = inv * (static_cast<float>(y) - static_cast<float>(ony - 1) * 0.5f) + static_cast<float>(ny - 1) * 0.5f;
+  const float sx =
+      inv * (static_cast<float>(x) - static_cast<float>(onx - 1) * 0.5f) + static_cast<float>(nx - 1) * 0.5f;
+  const float sy =
+      inv * (static_cast<float>(y) - static_cast<float>(ony - 1) * 0.5f) + static_cast<float>(ny - 1) * 0.5f;
   float value = 0.0f;
   if (!(sx < 0.0f || sx > static_cast<float>(nx - 1) || sy < 0.0f || sy > static_cast<float>(ny - 1)))
     value = cuda_2d_bilinear_value(in, nx, sx, sy);

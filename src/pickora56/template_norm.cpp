@@ -43,12 +43,8 @@ void zero_outside_circle_submean(float* image, int nx, int ny, float r) {
 bool normalize_slice(float* slice, int tnx, int tny, int T_norm_type, float r, float m) {
   const unsigned long n = static_cast<unsigned long>(tnx) * static_cast<unsigned long>(tny);
   switch (T_norm_type) {
-    case 1:
-      hm_submean_inplace(slice, n);
-      break;
-    case 2:
-      zero_outside_circle_submean(slice, tnx, tny, r);
-      break;
+    case 1: hm_submean_inplace(slice, n); break;
+    case 2: zero_outside_circle_submean(slice, tnx, tny, r); break;
     case 3: {
       const float cx = (static_cast<float>(tnx) - 1.0f) * 0.5f;
       const float cy = (static_cast<float>(tny) - 1.0f) * 0.5f;
@@ -56,8 +52,7 @@ bool normalize_slice(float* slice, int tnx, int tny, int T_norm_type, float r, f
                                                (1.0f - m) * r, r * m);
       break;
     }
-    default:
-      return false;
+    default: return false;
   }
   return true;
 }
@@ -81,7 +76,8 @@ float cpu_2d_rmask_soft_sum(float R, float soft) {
   double sum = 0.0;
   for (int y = 0; y < n; ++y) {
     const float dy = static_cast<float>(y) - c;
-    for (int x = 0; x < n; ++x) sum += static_cast<double>(cpu_rmask_soft_value(static_cast<float>(x) - c, dy, R, soft));
+    for (int x = 0; x < n; ++x)
+      sum += static_cast<double>(cpu_rmask_soft_value(static_cast<float>(x) - c, dy, R, soft));
   }
   return static_cast<float>(sum);
 }
@@ -114,6 +110,6 @@ int pickora_write_normed_templates(const float* d_templates, int tnx, int tny, i
 }
 
 void pickora_invert_templates(float* d_templates, int tnx, int tny, int tnz) {
-  hcuda_invert_inplace(d_templates,
-                       static_cast<unsigned long>(tnx) * static_cast<unsigned long>(tny) * static_cast<unsigned long>(tnz));
+  hcuda_invert_inplace(
+      d_templates, static_cast<unsigned long>(tnx) * static_cast<unsigned long>(tny) * static_cast<unsigned long>(tnz));
 }

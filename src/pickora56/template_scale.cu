@@ -7,7 +7,8 @@
 void hcuda_2d_scale(float* out, const float* in, int nx, int ny, float ratio) {
   const unsigned onx = static_cast<unsigned>(static_cast<int>(static_cast<float>(nx) * ratio));
   const unsigned ony = static_cast<unsigned>(static_cast<int>(static_cast<float>(ny) * ratio));
-  PK_LAUNCH_IMAGE(onx, ony, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_scale(x, y, out, in, nx, ny, ratio); });
+  PK_LAUNCH_IMAGE(
+      onx, ony, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_scale(x, y, out, in, nx, ny, ratio); });
 }
 
 void gpu_2ds_scale(float* out, const float* in, int nx, int ny, int nz, float ratio) {

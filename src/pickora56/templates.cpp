@@ -68,8 +68,8 @@ float* create_template_data(int& nx, int& ny, int& nz, float radius, float edge_
   nz = 1;
   float* data = new_stack("the generated template", side, side, 1);
   const float c = (static_cast<float>(side) - 1.0f) * 0.5f;
-  cpu_2d_generate_rmask_soft(data, static_cast<unsigned>(side), static_cast<unsigned>(side), c, c,
-                             radius * edge_ratio, (1.0f - edge_ratio) * radius);
+  cpu_2d_generate_rmask_soft(data, static_cast<unsigned>(side), static_cast<unsigned>(side), c, c, radius * edge_ratio,
+                             (1.0f - edge_ratio) * radius);
   return data;
 }
 

@@ -9,7 +9,8 @@
 namespace {
 
 int read_square(FILE* stream, const MRC_HEAD* head, float* out, int size, int2 origin, const char* func) {
-  if (size > head->nx || size > head->ny) report_fatal(func, __FILE__, __LINE__, "Can not read micrograph. File Size issue!\n");
+  if (size > head->nx || size > head->ny)
+    report_fatal(func, __FILE__, __LINE__, "Can not read micrograph. File Size issue!\n");
   if (head->nx < 1 || head->ny < 1)
     report_fatal(func, __FILE__, __LINE__, "the micrograph's head has sizes %d x %d; both must be positive", head->nx,
                  head->ny);

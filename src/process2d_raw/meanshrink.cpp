@@ -75,7 +75,8 @@ void fill_plain_blocks(float* out, const float* in, int nx, int ny, int s, float
   for (int y = 0; y < oy; ++y) {
     const float* in_row = in + static_cast<size_t>(y) * s * in_stride;
     float* out_row = out + static_cast<size_t>(y) * ox;
-    for (int x = 0; x < ox; ++x) out_row[x] = block_sum_rows(in_row + static_cast<size_t>(x) * s, in_stride, s) / divisor;
+    for (int x = 0; x < ox; ++x)
+      out_row[x] = block_sum_rows(in_row + static_cast<size_t>(x) * s, in_stride, s) / divisor;
   }
 }
 
