@@ -1,0 +1,211 @@
+// Shrinking micrographs to the even square work image, its mirrored extension, the plain block
+// means, and the square-size helpers.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mrcfile/mrcfile.h"
+#include "pickora56/work_image.h"
+#include "process2d_raw/meanshrink.h"
+#include "support/exit_report.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+// Values over many orders of magnitude and both signs, so that float sums of one block depend
+// on the order in which they are taken.
+std::vector<float> wide_range_image(int nx, int ny, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::uniform_real_distribution<float> mant(-1.0f, 1.0f);
+  std::uniform_int_distribution<int> expo(-4, 8);
+  std::vector<float> a(static_cast<size_t>(nx) * ny);
+  for (float& v : a) v = mant(gen) * std::pow(10.0f, static_cast<float>(expo(gen)));
+  return a;
+}
+
+// The visiting order of the block's pixels, spelled out: snake for 2, 3, 4, rows otherwise.
+std::vector<std::pair<int, int>> block_order(int s, bool snake) {
+  std::vector<std::pair<int, int>> order;
+  for (int j = 0; j < s; ++j)
+    for (int k = 0; k < s; ++k) order.push_back({snake && j % 2 == 1 ? s - 1 - k : k, j});
+  return order;
+}
+
+float reference_block(const std::vector<float>& a, int nx, int X, int Y, int s, bool snake) {
+  if (s == 1) return a[static_cast<size_t>(Y) * nx + X];
+  float sum = 0.0f;
+  for (auto [i, j] : block_order(s, snake)) sum += a[static_cast<size_t>(Y * s + j) * nx + X * s + i];
+  if (s == 2) return sum * 0.25f;
+  if (s == 3) return sum / 9.0f;
+  if (s == 4) return sum * 0.0625f;
+  return sum / static_cast<float>(s * s);
+}
+
+std::vector<float> work_image(const std::vector<float>& raw, int nx, int ny, int s, int work_size) {
+  std::vector<float> out(static_cast<size_t>(work_size) * work_size, -12345.0f);
+  cpu_2d_meanshrink_extended_even_square(out.data(), raw.data(), nx, ny, s);
+  return out;
+}
+
+TEST(EvenSquareShrink, RealAreaFollowsTheSummationOrderOfEachFactor) {
+  const int nx = 97, ny = 90;  // shrunk sides differ for most factors, so the mirror runs too
+  const std::vector<float> raw = wide_range_image(nx, ny, 7);
+  for (int s : {1, 2, 3, 4, 5, 6, 8}) {
+    SCOPED_TRACE("s = " + std::to_string(s));
+    const int sx = nx / (2 * s) * 2, sy = ny / (2 * s) * 2, ws = std::max(sx, sy);
+    ASSERT_EQ(get_max_extended_square_even_size(nx, ny, s), ws);
+    const std::vector<float> out = work_image(raw, nx, ny, s, ws);
+    const bool snake = s >= 2 && s <= 4;
+    int order_matters = 0;
+    for (int Y = 0; Y < sy; ++Y)
+      for (int X = 0; X < sx; ++X) {
+        const float want = reference_block(raw, nx, X, Y, s, snake);
+        ASSERT_EQ(out[static_cast<size_t>(Y) * ws + X], want) << "pixel " << X << ", " << Y;
+        order_matters += want != reference_block(raw, nx, X, Y, s, !snake);
+      }
+    if (snake) {
+      EXPECT_GT(order_matters, 0) << "the data can't tell the snake from row order";
+    }
+  }
+}
+
+TEST(EvenSquareShrink, SnakeOrderOfTheFourValuesExample) {
+  // Top left, top right, bottom left, bottom right; summed TL, TR, BR, BL the big values cancel
+  // only after both ones were absorbed.
+  std::vector<float> raw(16, 0.0f);
+  raw[0] = 1e8f, raw[1] = 1.0f, raw[4] = -1e8f, raw[5] = 1.0f;
+  EXPECT_EQ(work_image(raw, 4, 4, 2, 2)[0], 0.0f);
+}
+
+TEST(EvenSquareShrink, WideAndTallMicrographsMirrorIntoTheGap) {
+  struct Case {
+    int nx, ny, s;
+  };
+  // 70 x 78 at s = 4 has the shape of 3710 x 3838 (926 x 958): columns past the real area
+  // mirror back from the axis; 10 x 9 and 10 x 19 at s = 1 drop an odd row or column first.
+  for (Case c : {Case{70, 78, 4}, Case{78, 70, 4}, Case{10, 9, 1}, Case{10, 19, 1}, Case{9, 10, 1}}) {
+    SCOPED_TRACE(std::to_string(c.nx) + " x " + std::to_string(c.ny) + " s " + std::to_string(c.s));
+    std::vector<float> raw = wide_range_image(c.nx, c.ny, 3);
+    const int sx = c.nx / (2 * c.s) * 2, sy = c.ny / (2 * c.s) * 2, ws = std::max(sx, sy);
+    // Raw pixels outside the whole even blocks are never read.
+    for (int y = 0; y < c.ny; ++y)
+      for (int x = 0; x < c.nx; ++x)
+        if (x >= sx * c.s || y >= sy * c.s) raw[static_cast<size_t>(y) * c.nx + x] = NAN;
+    const std::vector<float> out = work_image(raw, c.nx, c.ny, c.s, ws);
+    for (int y = 0; y < ws; ++y)
+      for (int x = 0; x < ws; ++x) {
+        const int mx = x < sx ? x : 2 * sx - 1 - x, my = y < sy ? y : 2 * sy - 1 - y;
+        ASSERT_EQ(out[static_cast<size_t>(y) * ws + x], out[static_cast<size_t>(my) * ws + mx]) << x << ", " << y;
+        ASSERT_FALSE(std::isnan(out[static_cast<size_t>(y) * ws + x]));
+      }
+  }
+  // 10 x 19: the last pixel of a row is pixel 2, and the last real column comes twice.
+  std::vector<float> raw = wide_range_image(10, 19, 5);
+  const std::vector<float> out = work_image(raw, 10, 19, 1, 18);
+  EXPECT_EQ(out[17], out[2]);
+  EXPECT_EQ(out[10], out[9]);
+}
+
+TEST(EvenSquareShrink, AspectLimitIsStrictOnTheShrunkSides) {
+  std::vector<float> raw(2000 * 4, 1.0f);
+  // 20 x 10 at s = 1: the long side is exactly twice the short one.
+  EXPECT_EXIT_REPORT(work_image(raw, 20, 10, 1, 20), "Make sure: Ny/2 < Nx < 2Ny! Exit now!");
+  // 16 x 3 at s = 2: the short side shrinks to 0.
+  EXPECT_EXIT_REPORT(work_image(raw, 16, 3, 2, 8), "Make sure: Ny/2 < Nx < 2Ny");
+  // 21 x 11 at s = 1 shrinks to 20 x 10 and is refused as well; 19 x 10 passes.
+  EXPECT_EXIT_REPORT(work_image(raw, 21, 11, 1, 20), "Make sure");
+  EXPECT_EQ(work_image(raw, 19, 10, 1, 18).size(), 18u * 18u);
+}
+
+TEST(EvenSquareShrink, FactorBelowOneWritesNothingAndGoesOn) {
+  const std::vector<float> raw(16, 1.0f);
+  std::vector<float> out(16, -7.0f);
+  testing::internal::CaptureStdout();
+  cpu_2d_meanshrink_extended_even_square(out.data(), raw.data(), 4, 4, 0);
+  cpu_2d_meanshrink(out.data(), raw.data(), 4, 4, -1);
+  const std::string text = testing::internal::GetCapturedStdout();
+  EXPECT_NE(text.find("file src/process2d_raw on line"), std::string::npos) << text;
+  EXPECT_NE(text.find(":Wrong value of shrink_factor. Must be >=1  Wrong value of shrink_factor. Must be >=1!\n"),
+            std::string::npos)
+      << text;
+  for (float v : out) EXPECT_EQ(v, -7.0f);
+}
+
+TEST(PlainBlockMean, TightOutputStackSlicesAndInvertedSign) {
+  const int nx = 7, ny = 5, nz = 2, s = 2;  // 3 x 2 per slice; column 6 and row 4 dropped
+  const std::vector<float> raw = wide_range_image(nx, ny * nz, 11);
+  std::vector<float> out(3 * 2 * nz), inv(3 * 2);
+  cpu_2ds_meanshrink(out.data(), raw.data(), nx, ny, nz, s);
+  cpu_2d_meanshrink_invert(inv.data(), raw.data(), nx, ny, s);
+  for (int z = 0; z < nz; ++z)
+    for (int Y = 0; Y < 2; ++Y)
+      for (int X = 0; X < 3; ++X) {
+        std::vector<float> slice(raw.begin() + z * nx * ny, raw.begin() + (z + 1) * nx * ny);
+        float sum = 0.0f;
+        for (auto [i, j] : block_order(s, false)) sum += slice[(Y * s + j) * nx + X * s + i];
+        EXPECT_EQ(out[z * 6 + Y * 3 + X], sum / 4.0f);
+        if (z == 0) {
+          EXPECT_EQ(inv[Y * 3 + X], -(sum / 4.0f));
+        }
+      }
+  // s = 1 copies every pixel, odd sizes included.
+  std::vector<float> copy(nx * ny);
+  cpu_2d_meanshrink(copy.data(), raw.data(), nx, ny, 1);
+  EXPECT_TRUE(std::equal(copy.begin(), copy.end(), raw.begin()));
+}
+
+TEST(SquareExtension, FillAndMirrorCopies) {
+  const std::vector<float> raw = {1, 2, 3, 4, 5, 6};  // 3 wide, 2 high
+  std::vector<float> sq(9, -1.0f);
+  cpu_2d_extend_to_square(sq.data(), raw.data(), 3, 2, 0.5f);
+  EXPECT_EQ(sq, (std::vector<float>{1, 2, 3, 4, 5, 6, 0.5f, 0.5f, 0.5f}));
+  cpu_2d_extend_to_square_mirror(sq.data(), raw.data(), 3, 2);
+  EXPECT_EQ(sq, (std::vector<float>{1, 2, 3, 4, 5, 6, 4, 5, 6}));
+  cpu_2d_extend_to_square(sq.data(), raw.data(), 2, 3, 0.0f);  // 2 wide, 3 high
+  EXPECT_EQ(sq, (std::vector<float>{1, 2, 0, 3, 4, 0, 5, 6, 0}));
+  // 4 x 2 is beyond the aspect limit: nothing is written and the run goes on.
+  std::vector<float> big(16, -1.0f);
+  cpu_2d_extend_to_square_mirror(big.data(), std::vector<float>(8, 1.0f).data(), 4, 2);
+  for (float v : big) EXPECT_EQ(v, -1.0f);
+}
+
+TEST(SquareSizes, HelpersOfTheWorkImage) {
+  EXPECT_EQ(get_max_extended_square_even_size(4096, 4096, 4), 1024);
+  EXPECT_EQ(get_max_extended_square_even_size(3710, 3838, 4), 958);
+  EXPECT_EQ(get_max_extended_square_even_size(4096, 4095, 1), 4096);
+  EXPECT_EQ(get_max_square_even_size(7, 10), 6);
+  EXPECT_EQ(get_max_square_even_size(12, 9), 8);
+  const int2 wide = get_max_square_clip_origin(10, 4), tall = get_max_square_clip_origin(4, 11);
+  EXPECT_EQ(wide.x, 3);
+  EXPECT_EQ(wide.y, 0);
+  EXPECT_EQ(tall.x, 0);
+  EXPECT_EQ(tall.y, 3);
+}
+
+TEST(SquareClip, ReadsTheSquareAtTheOriginAndRefusesOversizedSquares) {
+  TempDir dir;
+  const std::string path = dir.file("mic.mrc");
+  const int nx = 6, ny = 4;
+  std::vector<float> raw(nx * ny);
+  for (int i = 0; i < nx * ny; ++i) raw[i] = static_cast<float>(i);
+  ASSERT_EQ(mrcf_write_xyz_data(path.c_str(), raw.data(), nx, ny, 1), 0);
+  MRC_HEAD head;
+  FILE* f = std::fopen(path.c_str(), "rb");
+  ASSERT_NE(f, nullptr);
+  mrc_read_head(f, &head);
+  std::vector<float> sq(16);
+  mrc_read_square_even(f, &head, sq.data(), 4, get_max_square_clip_origin(nx, ny));
+  for (int y = 0; y < 4; ++y)
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(sq[y * 4 + x], raw[y * nx + x + 1]);
+  EXPECT_EXIT_REPORT(mrc_read_square_even_extend(f, &head, sq.data(), 5, make_int2(0, 0)),
+                     "Can not read micrograph. File Size issue!\n! Exit now!");
+  std::fclose(f);
+}
+
+}  // namespace
