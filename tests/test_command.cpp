@@ -73,6 +73,10 @@ void parse_and_exit(std::vector<std::string> w) {
   std::exit(77);  // not reached when the parser stops the run
 }
 
+// Side of the micrographs of the runs: large enough that the default generated template
+// (about 190 work pixels at the default shrink of 4) fits the work image.
+constexpr int kMic = 1200;
+
 // A mode-2 MRC file with a plain head and nx * ny * nz floats.
 void write_mrc(const fs::path& path, int nx, int ny, int nz = 1) {
   unsigned char head[1024] = {};
@@ -549,7 +553,7 @@ TEST_F(Command, ValueOptionAtTheEndStopsWithStatusOne) {
 }
 
 TEST_F(Command, DefaultRunPrintsBlocksTimesClosingAndTip) {
-  write_mrc(dir.file("mic.mrc"), 256, 200);
+  write_mrc(dir.file("mic.mrc"), kMic, kMic - 200);
   const RunResult r = run_pickora(fs::path(dir.path()), {"mic.mrc"});
   ASSERT_EQ(r.status, 0) << r.out;
   const std::string expected_blocks = "User input parameters:\n\nAll parameters to be used:\n" +
@@ -591,7 +595,7 @@ TEST_F(Command, DefaultRunPrintsBlocksTimesClosingAndTip) {
 }
 
 TEST_F(Command, OptionMixesShowInBothBlocks) {
-  write_mrc(dir.file("a.mrc"), 300, 300);
+  write_mrc(dir.file("a.mrc"), kMic, kMic);
   const RunResult r = run_pickora(
       fs::path(dir.path()), {"--apixM", "2", "--diameter", "100", "--lave_min", "-0.8", "--T", "none", "a.mrc", "--write_bg_mic",
                    "--boxsize", "101", "--lp", "25", "--ang_step", "10", "--speed", "1"});
@@ -627,7 +631,7 @@ TEST_F(Command, OptionMixesShowInBothBlocks) {
 }
 
 TEST_F(Command, MinDistDecidesTheGridStep) {
-  write_mrc(dir.file("a.mrc"), 256, 256);
+  write_mrc(dir.file("a.mrc"), kMic, kMic);
   const RunResult small = run_pickora(fs::path(dir.path()), {"--apixM", "1", "--min_dist", "56", "a.mrc"});
   EXPECT_EQ(small.status, 1);
   EXPECT_NE(small.out.find("--min_dist too small! ! Exit now!\033[m\n"), std::string::npos);
@@ -642,8 +646,8 @@ TEST_F(Command, MinDistDecidesTheGridStep) {
 }
 
 TEST_F(Command, FlagBeforeADigitNameSwallowsTheName) {
-  write_mrc(dir.file("a.mrc"), 128, 128);
-  write_mrc(dir.file("0_b.mrc"), 128, 128);
+  write_mrc(dir.file("a.mrc"), kMic, kMic);
+  write_mrc(dir.file("0_b.mrc"), kMic, kMic);
   const RunResult r = run_pickora(fs::path(dir.path()), {"--detect_ice", "0_b.mrc", "a.mrc"});
   ASSERT_EQ(r.status, 0) << r.out;
   EXPECT_NE(r.out.find("       --detect_ice         0\n"), std::string::npos);
@@ -652,8 +656,8 @@ TEST_F(Command, FlagBeforeADigitNameSwallowsTheName) {
 }
 
 TEST_F(Command, DoUnfinishedSkipsAMicrographWithOnlyItsStar) {
-  write_mrc(dir.file("a.mrc"), 128, 128);
-  write_mrc(dir.file("b.mrc"), 128, 128);
+  write_mrc(dir.file("a.mrc"), kMic, kMic);
+  write_mrc(dir.file("b.mrc"), kMic, kMic);
   std::ofstream(dir.file("a_pickora.star")) << "data_\n";
   const RunResult r = run_pickora(fs::path(dir.path()), {"--do_unfinished", "a.mrc", "b.mrc"});
   ASSERT_EQ(r.status, 0) << r.out;
@@ -675,7 +679,7 @@ TEST_F(Command, DoUnfinishedSkipsAMicrographWithOnlyItsStar) {
 }
 
 TEST_F(Command, MissingFirstNameIsReplacedAndStillCounted) {
-  write_mrc(dir.file("a.mrc"), 128, 128);
+  write_mrc(dir.file("a.mrc"), kMic, kMic);
   const RunResult r = run_pickora(fs::path(dir.path()), {"gone.mrc", "a.mrc"});
   ASSERT_EQ(r.status, 0) << r.out;
   EXPECT_NE(r.out.find("the micrograph gone.mrc does NOT exsit! Automatically ignored!"), std::string::npos);
@@ -684,7 +688,7 @@ TEST_F(Command, MissingFirstNameIsReplacedAndStillCounted) {
 }
 
 TEST_F(Command, MissingLaterNameStopsTheRunWhenReached) {
-  write_mrc(dir.file("a.mrc"), 128, 128);
+  write_mrc(dir.file("a.mrc"), kMic, kMic);
   const RunResult r = run_pickora(fs::path(dir.path()), {"a.mrc", "gone.mrc"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.out.find("File a.mrc finished.\n"), std::string::npos);
@@ -700,8 +704,8 @@ TEST_F(Command, NoReadableMicrographStopsWithStatusOne) {
 }
 
 TEST_F(Command, DifferentSizeStopsTheRunAndLeavesTheEmptyCandidateFile) {
-  write_mrc(dir.file("a.mrc"), 128, 128);
-  write_mrc(dir.file("b.mrc"), 128, 96);
+  write_mrc(dir.file("a.mrc"), kMic, kMic);
+  write_mrc(dir.file("b.mrc"), kMic, kMic - 200);
   const RunResult r = run_pickora(fs::path(dir.path()), {"a.mrc", "b.mrc"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.out.find("File a.mrc finished.\n"), std::string::npos);

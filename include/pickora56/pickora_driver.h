@@ -73,6 +73,10 @@ struct PickoraRun {
   unsigned* peak_index;  // host, grid_cells each: one peak search
   float* peak_cc;
   float* peak_psi;
+  float* templates;     // host, tnx * tny * tnz: as loaded, before normalisation
+  float* d_templates;   // device, tnx * tny * tnz: normalised (and inverted) for matching
+  float template_area;  // area term of the correlation scaling
+  float* ccmax_stack;   // host, tnz * work_size^2: one ccmax map per template (write_ccmax_mic)
 
   double t_run;  // start of the run
   double t_step;  // start of the current timed span

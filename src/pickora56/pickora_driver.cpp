@@ -18,6 +18,10 @@
 #include "math_utils/device_stats.h"
 #include "pickora56/exclusion_mask.h"
 #include "pickora56/ice_detect.h"
+#include "pickora56/template_norm.h"
+#include "pickora56/templates.h"
+#include "process2d_raw/meanshrink.h"
+#include "math_utils/host_stats.h"
 #include "pickora56/pickora_help.h"
 #include "txt_file/arrays_strings.h"
 #include "txt_file/txt_file.h"
@@ -160,6 +164,39 @@ StepOutcome prep_one_angle_for_generated_template(PickoraRun& run) {
 
 bool gate_auto_T(const PickoraRun& run) { return run.para.auto_T != 0; }
 
+StepOutcome prep_load_templates(PickoraRun& run) {
+  const Pickora_Para& p = run.para;
+  run.templates = get_or_create_template_data(run.tnx, run.tny, run.tnz, p.T, p.T_radius, p.apixT, p.apixM, p.shrink,
+                                              p.m_edge_ratio);
+  pickora_check_template_fits(run.tnx, run.tny, run.sizes.work_size);
+  return StepOutcome::kNext;
+}
+
+size_t template_values(const PickoraRun& run) {
+  return static_cast<size_t>(run.tnx) * static_cast<size_t>(run.tny) * static_cast<size_t>(run.tnz);
+}
+
+StepOutcome prep_normalise_templates(PickoraRun& run) {
+  const Pickora_Para& p = run.para;
+  safe_cudaMalloc(&run.d_templates, template_values(run) * sizeof(float));
+  normalize_template_data(run.d_templates, run.templates, run.tnx, run.tny, run.tnz, p.T_norm_type, p.T_radius,
+                          p.m_edge_ratio);
+  run.template_area = pickora_template_area_term(p.T_norm_type, p.T_radius, p.m_edge_ratio);
+  return StepOutcome::kNext;
+}
+
+StepOutcome prep_write_normed_templates(PickoraRun& run) {
+  pickora_write_normed_templates(run.d_templates, run.tnx, run.tny, run.tnz);
+  return StepOutcome::kNext;
+}
+
+bool gate_invert_templates(const PickoraRun& run) { return run.para.dont_invertT == 0; }
+
+StepOutcome prep_invert_templates(PickoraRun& run) {
+  pickora_invert_templates(run.d_templates, run.tnx, run.tny, run.tnz);
+  return StepOutcome::kNext;
+}
+
 StepOutcome prep_allocate_image_buffers(PickoraRun& run) {
   const size_t raw = static_cast<size_t>(run.sizes.nx) * static_cast<size_t>(run.sizes.ny);
   const size_t work = work_pixels(run);
@@ -170,6 +207,7 @@ StepOutcome prep_allocate_image_buffers(PickoraRun& run) {
   safe_cudaMalloc(&run.d_ccmax, work * sizeof(float));
   safe_cudaMalloc(&run.d_psi, work * sizeof(float));
   safe_cudaMalloc(&run.d_ccmaxZ, work * sizeof(float));
+  run.ccmax_stack = host_alloc<float>(work * static_cast<size_t>(run.tnz));
   return StepOutcome::kNext;
 }
 
@@ -194,13 +232,12 @@ const PickoraStep kPreparation[] = {
     {5, "first readable micrograph and its head", nullptr, prep_read_first_head},
     {6, "work_size, shrunk_nx, shrunk_ny", nullptr, prep_work_sizes},
     {7, "one angle for a generated template", gate_auto_T, prep_one_angle_for_generated_template},
-    // 8: template stack, tnx, tny, tnz (template loading); it calls pickora_check_template_fits
-    //    and allocates the template-sized buffers.
+    {8, "template stack", nullptr, prep_load_templates},
     {9, "image buffers", nullptr, prep_allocate_image_buffers},
     {10, "grid_step, grid cells and their buffers", nullptr, prep_grid},
-    // 11: normalised templates on the device and the area term (template normalisation).
-    // 12: write_normed_T: "pickora_normed_templates.mrcs" (template normalisation, MRC writing).
-    // 13: unless dont_invertT: invert the device templates (template normalisation).
+    {11, "normalised templates on the device, area term", nullptr, prep_normalise_templates},
+    {12, "pickora_normed_templates.mrcs", flag_gate<&Pickora_Para::write_normed_T>, prep_write_normed_templates},
+    {13, "contrast inversion of the templates", gate_invert_templates, prep_invert_templates},
     {14, "PREPARATION time", nullptr, prep_print_time},
 };
 
@@ -272,6 +309,16 @@ StepOutcome mic_reading_time(PickoraRun& run) {
   pickora_print_time("READING", run.t_step);
   run.t_step = pickora_now();
   std::printf("Normalizing the micrograph %s ...\n", run.name);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_shrink(PickoraRun& run) {
+  cpu_2d_meanshrink_extended_even_square(run.work, run.raw, run.sizes.nx, run.sizes.ny, run.para.shrink);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_host_znorm(PickoraRun& run) {
+  hm_normz_inplace(run.work, work_pixels(run), 1.0f, 0.0f);
   return StepOutcome::kNext;
 }
 
@@ -373,8 +420,8 @@ const PickoraStep kMicrograph[] = {
     {7, "read slice 0", nullptr, mic_read_slice},
     {8, "exclude file", nullptr, mic_read_excluded},
     {9, "READING time", nullptr, mic_reading_time},
-    // 10: shrink to the even square work image (shrinking).
-    // 11: mic_znorm: hm_normz_inplace on the host work image (host statistics).
+    {10, "shrink to the even square work image", nullptr, mic_shrink},
+    {11, "normalise on the host", flag_gate<&Pickora_Para::mic_znorm>, mic_host_znorm},
     {12, "work image to the device", nullptr, mic_copy_work_to_device},
     {13, "pre-filter", flag_gate<&Pickora_Para::do_pre_filter>, mic_pre_filter},
     {14, "_pref.mrc", flag_gate<&Pickora_Para::write_pref_mic>, mic_write_pref},
@@ -473,7 +520,10 @@ void release_buffers(PickoraRun& run) {
   std::free(run.peak_cc);
   std::free(run.peak_psi);
   delete[] run.excluded;
-  void* const device_buffers[] = {run.d_work, run.d_mask, run.d_ccmax, run.d_psi, run.d_ccmaxZ, run.d_grid};
+  destroy_template_data(run.templates);
+  std::free(run.ccmax_stack);
+  void* const device_buffers[] = {run.d_work,   run.d_mask, run.d_ccmax,    run.d_psi,
+                                  run.d_ccmaxZ, run.d_grid, run.d_templates};
   for (void* d : device_buffers)
     if (d != nullptr) PK_CUDA_CHECK(cudaFree(d));
 }
