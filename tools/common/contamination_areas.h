@@ -102,7 +102,7 @@ inline void read_contamination_areas(const char* path, std::vector<Contamination
   if (fp == nullptr) PK_FATAL("cannot open the contamination file '%s'", path);
   std::string word;
   char buf[64];
-  int line_no = 0;
+  int area_no = 0;
   // One token at a time keeps long polygon lines out of any fixed line buffer.
   auto next_number = [&](double& v) {
     if (std::fscanf(fp, "%63s", buf) != 1) return false;
@@ -111,7 +111,6 @@ inline void read_contamination_areas(const char* path, std::vector<Contamination
     return end != buf && *end == '\0';
   };
   while (std::fscanf(fp, " %63s", buf) == 1) {
-    ++line_no;
     word = buf;
     if (word[0] == '#') {
       int c;
@@ -119,24 +118,25 @@ inline void read_contamination_areas(const char* path, std::vector<Contamination
       }
       continue;
     }
+    ++area_no;
     double v[3];
     if (word == "disc") {
       if (!next_number(v[0]) || !next_number(v[1]) || !next_number(v[2]) || v[2] < 0) {
         std::fclose(fp);
-        PK_FATAL("malformed disc in '%s', entry %d", path, line_no);
+        PK_FATAL("malformed disc in '%s', area %d", path, area_no);
       }
       areas.push_back(make_disc_area(v[0], v[1], v[2]));
     } else if (word == "polygon") {
       double n = 0;
       if (!next_number(n) || n < 3 || n > 1e6 || n != std::floor(n)) {
         std::fclose(fp);
-        PK_FATAL("malformed polygon in '%s', entry %d", path, line_no);
+        PK_FATAL("malformed polygon in '%s', area %d", path, area_no);
       }
       std::vector<double> xs, ys;
       for (int i = 0; i < static_cast<int>(n); ++i) {
         if (!next_number(v[0]) || !next_number(v[1])) {
           std::fclose(fp);
-          PK_FATAL("polygon in '%s', entry %d, has fewer corners than it says", path, line_no);
+          PK_FATAL("polygon in '%s', area %d, has fewer corners than it says", path, area_no);
         }
         xs.push_back(v[0]);
         ys.push_back(v[1]);
