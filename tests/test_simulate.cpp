@@ -1,0 +1,258 @@
+// The companion tools pickora-simulate and pickora-score, run as executables: the simulator is
+// deterministic, puts dark particles where its truth says, at the angle it says, and never in
+// its contamination; the scorer counts matches, duplicates, contamination hits and angles.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "boxfile/ptcl_box.h"
+#include "mrcfile/mrcfile.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+constexpr double kPi = 3.141592653589793;
+
+std::string tool(const std::string& name) { return std::string(PICKORA_BIN_DIR) + "/" + name; }
+
+// Runs a command line; returns its exit status and puts stdout and stderr into output.
+int run(const std::string& command, std::string& output) {
+  output.clear();
+  std::FILE* p = popen((command + " 2>&1").c_str(), "r");
+  if (p == nullptr) return -1;
+  char buf[4096];
+  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) output.append(buf, n);
+  const int status = pclose(p);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class ToolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* name : {"pickora-simulate", "pickora-score"})
+      ASSERT_EQ(access(tool(name).c_str(), X_OK), 0) << "build the target " << name << " first";
+  }
+
+  // Simulates one micrograph into dir with the given extra options; fails the test on error.
+  void simulate(const std::string& dir, const std::string& options) {
+    std::string out;
+    ASSERT_EQ(run(tool("pickora-simulate") + " --out " + dir + " " + options, out), 0) << out;
+  }
+};
+
+// Distance from a point to segment (a, b).
+double segment_distance(double px, double py, double ax, double ay, double bx, double by) {
+  const double dx = bx - ax, dy = by - ay;
+  double t = ((px - ax) * dx + (py - ay) * dy) / (dx * dx + dy * dy);
+  t = std::fmax(0.0, std::fmin(1.0, t));
+  return std::hypot(px - ax - t * dx, py - ay - t * dy);
+}
+
+// Distance of a point from each area of the file (0 inside), parsed here on its own so that
+// the check does not share the tools' code. Polygons are convex (carbon cut by a line).
+std::vector<double> distances_to_areas(const std::string& areas_text, double x, double y) {
+  std::vector<double> out;
+  std::istringstream in(areas_text);
+  std::string kind;
+  while (in >> kind) {
+    if (kind[0] == '#') {
+      std::getline(in, kind);
+    } else if (kind == "disc") {
+      double cx, cy, r;
+      in >> cx >> cy >> r;
+      out.push_back(std::fmax(0.0, std::hypot(x - cx, y - cy) - r));
+    } else if (kind == "polygon") {
+      int n;
+      in >> n;
+      std::vector<double> xs(n), ys(n);
+      for (int i = 0; i < n; ++i) in >> xs[i] >> ys[i];
+      double nearest = INFINITY;
+      int left = 0, right = 0;
+      for (int i = 0; i < n; ++i) {
+        const int j = (i + 1) % n;
+        const double cross = (xs[j] - xs[i]) * (y - ys[i]) - (ys[j] - ys[i]) * (x - xs[i]);
+        (cross > 0 ? left : right)++;
+        nearest = std::fmin(nearest, segment_distance(x, y, xs[i], ys[i], xs[j], ys[j]));
+      }
+      out.push_back(left == n || right == n ? 0.0 : nearest);
+    } else {
+      ADD_FAILURE() << "unknown area kind " << kind;
+      break;
+    }
+  }
+  return out;
+}
+
+std::vector<PTCL_BOX> read_truth(const std::string& path) {
+  std::vector<PTCL_BOX> boxes(100000);
+  boxes.resize(static_cast<size_t>(read_all_ptcl_boxes(boxes.data(), static_cast<int>(boxes.size()), path.c_str())));
+  return boxes;
+}
+
+struct Image {
+  int nx = 0, ny = 0, nz = 0;
+  std::vector<float> data;
+  float at(int x, int y, int z = 0) const { return data[(static_cast<size_t>(z) * ny + y) * nx + x]; }
+};
+
+Image read_mrc(const std::string& path) {
+  Image im;
+  get_mrcf_xyz(im.nx, im.ny, im.nz, path.c_str());
+  float* d = mrcf_get_data_all(path.c_str());
+  im.data.assign(d, d + static_cast<size_t>(im.nx) * im.ny * im.nz);
+  std::free(d);
+  return im;
+}
+
+// Mean of the micrograph over the ring r0 <= r < r1 about (cx, cy).
+double ring_mean(const Image& m, int cx, int cy, double r0, double r1) {
+  double sum = 0;
+  long n = 0;
+  for (int y = cy - static_cast<int>(r1); y <= cy + static_cast<int>(r1); ++y)
+    for (int x = cx - static_cast<int>(r1); x <= cx + static_cast<int>(r1); ++x) {
+      const double r = std::hypot(double(x - cx), double(y - cy));
+      if (r >= r0 && r < r1 && x >= 0 && y >= 0 && x < m.nx && y < m.ny) {
+        sum += m.at(x, y);
+        ++n;
+      }
+    }
+  return n > 0 ? sum / n : 0.0;
+}
+
+// Correlation of the negated micrograph about (cx, cy) with template z turned by psi degrees,
+// the picture turning from +x toward +y (nearest-neighbour turn, written apart from the tools).
+double turned_template_score(const Image& mic, const Image& t, int z, int cx, int cy, double psi) {
+  const double c = std::cos(psi * kPi / 180), s = std::sin(psi * kPi / 180);
+  const double h = (t.nx - 1) * 0.5;
+  double score = 0;
+  for (int y = 0; y < t.ny; ++y)
+    for (int x = 0; x < t.nx; ++x) {
+      const double dx = x - h, dy = y - h;
+      const int sx = static_cast<int>(std::lround(h + dx * c + dy * s));
+      const int sy = static_cast<int>(std::lround(h + dy * c - dx * s));
+      const int mx = cx + x - t.nx / 2, my = cy + y - t.ny / 2;
+      if (sx < 0 || sy < 0 || sx >= t.nx || sy >= t.ny || mx < 0 || my < 0 || mx >= mic.nx || my >= mic.ny) continue;
+      score -= t.at(sx, sy, z) * mic.at(mx, my);
+    }
+  return score;
+}
+
+TEST_F(ToolTest, SameSeedGivesSameBytesAndAnotherSeedAnotherMicrograph) {
+  TempDir tmp;
+  const std::string options = "--nx 400 --ny 320 --apix 1.5 --diameter 60 --templates 2 --apix_t 2.0 ";
+  simulate(tmp.file("a"), options + "--seed 7");
+  simulate(tmp.file("b"), options + "--seed 7");
+  simulate(tmp.file("c"), options + "--seed 8");
+  for (const char* name : {"mic_0000.mrc", "mic_0000_truth.star", "mic_0000_areas.txt", "templates.mrcs"}) {
+    const std::vector<unsigned char> a = read_binary_file(tmp.file("a/") + name);
+    ASSERT_FALSE(a.empty()) << name;
+    EXPECT_EQ(a, read_binary_file(tmp.file("b/") + name)) << name;
+  }
+  EXPECT_NE(read_binary_file(tmp.file("a/mic_0000.mrc")), read_binary_file(tmp.file("c/mic_0000.mrc")));
+  EXPECT_NE(read_file_text(tmp.file("a/mic_0000_truth.star")), read_file_text(tmp.file("c/mic_0000_truth.star")));
+  const Image t = read_mrc(tmp.file("a/templates.mrcs"));
+  EXPECT_EQ(t.nz, 2);
+  EXPECT_EQ(t.nx, 46);  // 1.5 diameters at 2 A per pixel, even
+}
+
+TEST_F(ToolTest, ParticlesAreDarkAtTheTruthAngleAndOutsideContamination) {
+  TempDir tmp;
+  const double d = 40;  // pixels
+  simulate(tmp.path(), "--nx 640 --ny 560 --apix 1.5 --diameter 60 --snr 20 --bg 0 --ice 3 --seed 3");
+  const Image mic = read_mrc(tmp.file("mic_0000.mrc"));
+  const Image tpl = read_mrc(tmp.file("templates.mrcs"));
+  ASSERT_EQ(mic.nx, 640);
+  ASSERT_EQ(mic.ny, 560);
+  const std::vector<PTCL_BOX> truth = read_truth(tmp.file("mic_0000_truth.star"));
+  const std::string areas = read_file_text(tmp.file("mic_0000_areas.txt"));
+  ASSERT_GE(truth.size(), 10u);
+  ASSERT_EQ(distances_to_areas(areas, 0, 0).size(), 4u);  // three ice blobs and the carbon
+  for (const PTCL_BOX& b : truth) {
+    EXPECT_LT(ring_mean(mic, b.x, b.y, 0, 0.25 * d), ring_mean(mic, b.x, b.y, 0.5 * d, 0.6 * d) - 1.0)
+        << "no dark particle at " << b.x << "," << b.y;
+    const double right = turned_template_score(mic, tpl, b.class_number, b.x, b.y, b.psi);
+    for (double off : {90.0, 180.0, 270.0})
+      EXPECT_GT(right, turned_template_score(mic, tpl, b.class_number, b.x, b.y, b.psi + off))
+          << "angle at " << b.x << "," << b.y;
+    for (double dist : distances_to_areas(areas, b.x, b.y)) EXPECT_GE(dist, 0.5 * d) << b.x << "," << b.y;
+  }
+}
+
+// The totals of the scorer's machine-readable line.
+std::map<std::string, std::string> summary_of(const std::string& output) {
+  std::map<std::string, std::string> kv;
+  const size_t at = output.rfind("score:");
+  std::istringstream in(at == std::string::npos ? "" : output.substr(at + 6));
+  for (std::string pair; in >> pair;) {
+    const size_t eq = pair.find('=');
+    if (eq != std::string::npos) kv[pair.substr(0, eq)] = pair.substr(eq + 1);
+  }
+  return kv;
+}
+
+// Truth with a diameter of 20 pixels (radius 10). Picks: one close to the first particle with
+// psi across 0 (359 vs 1), a duplicate of it, one at the second particle with psi 30 degrees
+// off, one inside the contamination disc and one far from everything.
+TEST_F(ToolTest, ScorerCountsMatchesDuplicatesContaminationAndAngles) {
+  TempDir tmp;
+  write_file_text(tmp.file("m_truth.star"),
+                  "# simulated particles: diameter_px=20.000 apix=1.0000\n\ndata_\n\nloop_\n_rlnCoordinateX #1\n"
+                  "_rlnCoordinateY #2\n_rlnAnglePsi #3\n_rlnClassNumber #4\n"
+                  "100 100 359.0 0\n200 100 10.0 0\n300 300 90.0 1\n");
+  write_file_text(tmp.file("m_areas.txt"), "# a disc\ndisc 500 500 50\n");
+  const std::string star_head = "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
+                                "_rlnClassNumber #4\n_rlnAutopickFigureOfMerit #5\n";
+  struct Case {
+    const char* picks_name;
+    std::string text;
+    bool by_folder;
+    const char* psi_checked;
+    const char* psi_ok;
+  } cases[] = {
+      {"m_pickora.star",
+       star_head + "101 100 1.0 0 0.9\n104 100 1.0 0 0.8\n205 100 40.0 0 0.7\n510 490 0.0 0 0.6\n700 700 0.0 0 0.5\n",
+       true, "2", "1"},
+      // Box corners: centre minus half the box of 40.
+      {"m.box",
+       "81 80 40 40 0.9\t0 1.0\n84 80 40 40 0.8\t0 1.0\n185 80 40 40 0.7\t0 40.0\n490 470 40 40 0.6\t0 0.0\n"
+       "680 680 40 40 0.5\t0 0.0\n",
+       false, "2", "1"},
+      {"m4.box", "81 80 40 40\n84 80 40 40\n185 80 40 40\n490 470 40 40\n680 680 40 40\n", false, "0", "0"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.picks_name);
+    write_file_text(tmp.file(c.picks_name), c.text);
+    const std::string args = c.by_folder ? "--dir " + tmp.path()
+                                         : tmp.file(c.picks_name) + " " + tmp.file("m_truth.star");
+    std::string out;
+    ASSERT_EQ(run(tool("pickora-score") + " --psi_tol 10 " + args, out), 0) << out;
+    std::map<std::string, std::string> s = summary_of(out);
+    EXPECT_EQ(s["micrographs"], "1") << out;
+    EXPECT_EQ(s["truth"], "3");
+    EXPECT_EQ(s["picks"], "5");
+    EXPECT_EQ(s["tp"], "2");
+    EXPECT_EQ(s["fp"], "3");
+    EXPECT_EQ(s["fn"], "1");
+    EXPECT_EQ(s["precision"], "0.4000");
+    EXPECT_EQ(s["recall"], "0.6667");
+    EXPECT_EQ(s["in_contamination"], "1");
+    EXPECT_EQ(s["psi_checked"], c.psi_checked);
+    EXPECT_EQ(s["psi_ok"], c.psi_ok);
+  }
+}
+
+TEST_F(ToolTest, ScorerRejectsAnOddFileList) {
+  std::string out;
+  EXPECT_EQ(run(tool("pickora-score") + " only_one.star", out), 1);
+  EXPECT_NE(out.find("pairs"), std::string::npos) << out;
+}
+
+}  // namespace
