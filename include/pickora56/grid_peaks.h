@@ -112,12 +112,36 @@ PICKORA_HD inline bool grid_overshadowed(unsigned gx, unsigned gy, unsigned p, c
   return false;
 }
 
+// The largest r with r * r below the suppression limit: close pixels differ by at most r in x
+// and in y, so their indices differ by at most r * (nx + 1).
+PICKORA_HD inline unsigned grid_suppress_reach(int grid_step) {
+  const unsigned limit = (unsigned)grid_suppress_limit(grid_step);
+  unsigned r = (unsigned)grid_step;
+  while ((r + 1) * (r + 1) < limit) ++r;
+  return r;
+}
+
 // True when any of the n words of the exclusion list, each a pixel index (0 standing for pixel
 // (0, 0), not skipped), is close to p.
+//
+// Every cell walks the whole list, so the words are first screened without decoding: a word
+// whose index differs from p by more than the reach cannot be close. The screen runs over blocks
+// of 32 words without branches (|e - p| <= reach as the wrapping e - (p - reach) <= 2 reach), and
+// only a block with a word in reach gets the full test. That is the full test's answer for every
+// word whose pixel lies less than 46341 rows and columns from p, where no square overflows.
 PICKORA_HD inline bool grid_excluded(unsigned p, const unsigned* exclusion, unsigned exclusion_n, int nx,
                                      int grid_step) {
-  for (unsigned k = 0; k < exclusion_n; ++k)
-    if (grid_pixels_close(exclusion[k], p, nx, grid_step)) return true;
+  const unsigned long reach = (unsigned long)grid_suppress_reach(grid_step) * ((unsigned long)nx + 1);
+  const bool screened = reach < 0x80000000ul;  // else every word goes to the full test
+  const unsigned low = screened ? p - (unsigned)reach : 0u, span = screened ? 2u * (unsigned)reach : 0xffffffffu;
+  for (unsigned k0 = 0; k0 < exclusion_n; k0 += 32) {
+    const unsigned k1 = exclusion_n - k0 < 32 ? exclusion_n : k0 + 32;
+    unsigned near = 0;
+    for (unsigned k = k0; k < k1; ++k) near |= exclusion[k] - low <= span;
+    if (near == 0) continue;
+    for (unsigned k = k0; k < k1; ++k)
+      if (grid_pixels_close(exclusion[k], p, nx, grid_step)) return true;
+  }
   return false;
 }
 
