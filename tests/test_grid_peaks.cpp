@@ -89,11 +89,9 @@ TEST(FindGridPeaks, FirstPixelRuleTiesNaNAndPartialCells) {
                 {44, 34, 2.0f},                  // cell (4,3): the partial corner cell
                 {2, 31, 9.0f}});                 // cell (0,3): on the row after (49, 30), which is no pixel
   const size_t cells = 20;
-  float* cc = to_device(m.cc);
-  float* psi = to_device(m.psi);
+  float *cc = to_device(m.cc), *psi = to_device(m.psi);
+  float *d_cc = to_device(std::vector<float>(cells, 77.0f)), *d_psi = to_device(std::vector<float>(cells, 77.0f));
   unsigned* d_index = to_device(std::vector<unsigned>(cells, 77u));
-  float* d_cc = to_device(std::vector<float>(cells, 77.0f));
-  float* d_psi = to_device(std::vector<float>(cells, 77.0f));
   hcuda_find_ccmax_psi_grids(cc, psi, d_index, d_cc, d_psi, nx, ny, 10);
 
   std::vector<unsigned> want_index(cells, 0u);
@@ -182,20 +180,6 @@ TEST(FilterGridPeaks, ExclusionLoopClearsPeaksCloseToAnyListedPixel) {
       {"words past exclusion_n are not read", no_zero, 35, {near_origin, p45, p25, p15}},
   };
   for (const Case& c : cases) EXPECT_EQ(survivors(search(m, 10, -1.0f, c.list, c.n)), c.want) << c.what;
-}
-
-TEST(FindGridPeaks, UpdateFormKeepsTheRunningBest) {
-  const int n = 20;
-  const Maps first(n, n, {{15, 5, 3.0f}, {5, 15, 1.0f}}), second(n, n, {{12, 2, 2.0f}, {6, 16, 4.0f}});
-  float* a = to_device(first.cc);
-  float* b = to_device(second.cc);
-  unsigned* index = to_device(std::vector<unsigned>(4, 0u));
-  float* cc = to_device(std::vector<float>(4, -INFINITY));
-  hcuda_find_update_ccmax_grids(a, index, cc, n, n, 10);
-  hcuda_find_update_ccmax_grids(b, index, cc, n, n, 10);
-  EXPECT_EQ(to_host(index, 4), (std::vector<unsigned>{0, first.index(15, 5), second.index(6, 16), 0}));
-  EXPECT_EQ(to_host(cc, 4), (std::vector<float>{0.0f, 3.0f, 4.0f, 0.0f}));
-  for (void* d : {(void*)a, (void*)b, (void*)index, (void*)cc}) cudaFree(d);
 }
 
 }  // namespace

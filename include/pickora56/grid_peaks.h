@@ -205,7 +205,8 @@ void hcuda_find_filter_ccmax_psi_grids(const float* ccmax, const float* psi, uns
                                        float* grid_psi, float cc_cutoff, int nx, int ny, int grid_step);
 
 // The picker's entry: device maps and exclusion list in, the three host arrays of grid_cells
-// elements out (overwritten). No device array of the caller's is changed.
+// elements out (overwritten; grid_psi is 0.0 where a cell found no candidate). No device array
+// of the caller's is changed. A null exclusion list is read as an empty one.
 void gpu_find_filter_ccmax_psi_grids_exclusive(float* ccmax, float* psi, unsigned int* grid_index, float* grid_cc,
                                                float* grid_psi, float cc_cutoff, int nx, int ny, int grid_step,
                                                unsigned int* exclusion, unsigned int exclusion_n);
