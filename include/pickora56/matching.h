@@ -1,0 +1,137 @@
+// Rotational matching of one template against one work image.
+//
+// For every angle a = ang_start, ang_start + ang_step, ... (float additions, the end angle
+// itself never used) the template is turned by a in real space, placed in the middle of an empty
+// image of the work image's size and correlated with the whole image through the FFT. The best
+// correlation per pixel goes to the ccmax map and its angle to the psi map. At the end the maps
+// are shifted by half the image, so that map pixel (x, y) says how well the template fits with
+// its pixel (tnx / 2, tny / 2) on work pixel (x, y), and ccmax is divided by
+//   d = sqrt(Sm * St * area / W),
+// Sm the masked sum of squares of the image, St the template's sum of squares before rotation,
+// W the number of clear cells under the mask.
+//
+// All pointers are device pointers; images are row-major, pixel (x, y) at y * nx + x. The work
+// image is nx by ny with both sides even; the template must fit inside it.
+#pragma once
+
+#include <math.h>
+
+#include "cuda_general/platform.h"
+
+// ---- Kernels (one output element each) ---------------------------------------------------
+
+// Degrees to radians with the single-precision value of pi / 180.
+constexpr float kDegreesToRadians = 0.017453292f;
+
+// Bilinear rotation of an nx by ny image about the centre of its pixel grid, given cos and sin
+// of the angle. The output at (x, y) shows the source at (x, y) turned by -angle, so the picture
+// turns by +angle from the +x axis toward the +y axis. Positions outside the source give 0.0
+// (the corners of a square image are lost). On the last column or row the neighbour index stays
+// on the pixel itself, so no read leaves the image and a turn by 0 returns the image exactly.
+PICKORA_HD inline void cuda_2d_rotate_cs(unsigned x, unsigned y, const float* src, float* out, unsigned nx,
+                                         unsigned ny, float c, float s) {
+  if (x >= nx || y >= ny) return;
+  const float cx = (float)(nx - 1) * 0.5f, cy = (float)(ny - 1) * 0.5f;
+  const float dx = (float)x - cx, dy = (float)y - cy;
+  const float sx = cx + (dx * c + dy * s);
+  const float sy = cy + (dy * c - dx * s);
+  float value = 0.0f;
+  // Written as "inside" so that a NaN position (a NaN angle) also counts as outside.
+  if (sx >= 0.0f && sx <= (float)(nx - 1) && sy >= 0.0f && sy <= (float)(ny - 1)) {
+    const int ix = (int)sx, iy = (int)sy;
+    const float fx = sx - (float)ix, fy = sy - (float)iy;
+    const unsigned i00 = (unsigned)iy * nx + (unsigned)ix;
+    const unsigned i10 = sx == (float)ix ? i00 : i00 + 1;
+    const unsigned i01 = sy == (float)iy ? i00 : i00 + nx;
+    const unsigned i11 = sx == (float)ix ? i01 : i01 + 1;
+    const float p00 = src[i00], p10 = src[i10], p01 = src[i01], p11 = src[i11];
+    value = p00 + fx * (p10 - p00) + fy * (p01 - p00) + fy * fx * (p00 + p11 - p10 - p01);
+  }
+  out[y * nx + x] = value;
+}
+
+// The same with the angle in degrees; cosf and sinf are the accurate functions.
+PICKORA_HD inline void cuda_2d_rotate(unsigned x, unsigned y, const float* src, float* out, unsigned nx, unsigned ny,
+                                      float degrees) {
+  const float a = degrees * kDegreesToRadians;
+  cuda_2d_rotate_cs(x, y, src, out, nx, ny, cosf(a), sinf(a));
+}
+
+// One pixel (x, y) of the small image to column (large_nx - small_nx) / 2 + x and row
+// (large_ny - small_ny) / 2 + y of the large one.
+PICKORA_HD inline void cuda_x2d_cp_small_to_large_center(unsigned x, unsigned y, float* large, const float* small,
+                                                         int large_nx, int large_ny, int small_nx, int small_ny) {
+  if (x >= (unsigned)small_nx || y >= (unsigned)small_ny) return;
+  const unsigned x0 = (unsigned)((large_nx - small_nx) / 2), y0 = (unsigned)((large_ny - small_ny) / 2);
+  large[(y0 + y) * (unsigned)large_nx + x0 + x] = small[y * (unsigned)small_nx + x];
+}
+
+// Running maximum: only a strictly larger correlation replaces the stored one, so on a tie the
+// earlier angle stays and a NaN correlation changes nothing.
+PICKORA_HD inline void cuda_update_ccmax_psi_2d(unsigned x, unsigned y, float* ccmax, const float* correlation,
+                                                float* psi, float degrees, int nx, int ny) {
+  if (x >= (unsigned)nx || y >= (unsigned)ny) return;
+  const unsigned i = y * (unsigned)nx + x;
+  const float value = correlation[i];
+  if (ccmax[i] < value) {
+    ccmax[i] = value;
+    psi[i] = degrees;
+  }
+}
+PICKORA_HD inline void cuda_update_ccmax_2d(unsigned x, unsigned y, float* ccmax, const float* correlation, int nx,
+                                            int ny) {
+  if (x >= (unsigned)nx || y >= (unsigned)ny) return;
+  const unsigned i = y * (unsigned)nx + x;
+  const float value = correlation[i];
+  if (ccmax[i] < value) ccmax[i] = value;
+}
+
+// ---- Launchers (32 x 32 blocks, wait, device check) ---------------------------------------
+
+// cos and sin are taken once per call on the host, so both backends turn by the same values.
+void hcuda_2d_rotate(const float* src, float* out, unsigned nx, unsigned ny, float degrees);
+// One thread per pixel of the small image. The small image must fit into the large one.
+void hcuda_x2d_cp_small_to_large_center(float* large, const float* small, int large_nx, int large_ny, int small_nx,
+                                        int small_ny);
+void hcuda_update_ccmax_psi_2d(float* ccmax, const float* correlation, float* psi, float degrees, int nx, int ny);
+void hcuda_update_ccmax_2d(float* ccmax, const float* correlation, int nx, int ny);
+
+// ---- The angle loop -----------------------------------------------------------------------
+
+// Number of angles a = start, start + step, ... (float additions) strictly below end; -1 when the
+// loop would never end (a step that is not positive, or one too small to move a).
+long matching_angle_count(float ang_start, float ang_end, float ang_step);
+
+// Scratch for matching at one work-image size, kept across templates and micrographs so that the
+// plans and buffers are made once. Zero-initialise it (MatchWorkspace ws{}), pass it to the
+// matching calls, and release it with match_workspace_release. A call at another size rebuilds
+// it; a template of another size clears the padded image again.
+struct MatchWorkspace {
+  int nx = 0, ny = 0;                  // size of the image scratch; 0 before the first call
+  int placed_nx = 0, placed_ny = 0;    // template size whose footprint the padded image holds
+  float* padded = nullptr;             // nx by ny, zero outside the footprint
+  float* correlation = nullptr;        // nx by ny
+  float* rotated = nullptr;            // rotated template, rotated_capacity floats
+  unsigned long rotated_capacity = 0;
+  float2* mic_F = nullptr;             // (nx / 2 + 1) by ny spectra
+  float2* T_F = nullptr;               // the template's spectrum, then the product in place
+  cufftHandle r2c = 0, c2r = 0;
+  bool has_plans = false;
+};
+void match_workspace_release(MatchWorkspace* ws);
+
+// Fills ccmax (and psi when do_psi is not 0 and psi is not null) for one template T of tnx by
+// tny against the work image mic; see the top of this file. Prints one "." per angle and a line
+// end. Returns 0. A non-positive or vanishing angle step, odd or empty image sides and a
+// template larger than the image end the run with a fatal report. The forms without a workspace
+// make and free their scratch per call.
+int pickora_ccmax_psi_by_one_template(MatchWorkspace* ws, float* mic, float* mask, float* ccmax, float* psi,
+                                      int do_psi, int nx, int ny, float* T, int tnx, int tny, float area,
+                                      float ang_start, float ang_end, float ang_step);
+int pickora_ccmax_psi_by_one_template(float* mic, float* mask, float* ccmax, float* psi, int do_psi, int nx, int ny,
+                                      float* T, int tnx, int tny, float area, float ang_start, float ang_end,
+                                      float ang_step);
+int pickora_ccmax_by_one_template(MatchWorkspace* ws, float* mic, float* mask, float* ccmax, int nx, int ny, float* T,
+                                  int tnx, int tny, float area, float ang_start, float ang_end, float ang_step);
+int pickora_ccmax_by_one_template(float* mic, float* mask, float* ccmax, int nx, int ny, float* T, int tnx, int tny,
+                                  float area, float ang_start, float ang_end, float ang_step);

@@ -1,0 +1,269 @@
+// Rotational matching: rotations by 0 and by quarter turns, the strict update, the angle loop,
+// and whole matching runs against a brute-force circular correlation (with tolerances, as FFT
+// rounding enters) and against each other (exactly).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "cuda_general/cuda_general.h"
+#include "pickora56/matching.h"
+#include "support/exit_report.h"
+
+namespace {
+
+template <class T>
+T* to_device(const std::vector<T>& h) {
+  T* d = nullptr;
+  safe_cudaMalloc(&d, sizeof(T) * h.size());
+  EXPECT_EQ(memcpy_H2D(d, h.data(), sizeof(T) * h.size()), cudaSuccess);
+  return d;
+}
+
+template <class T>
+std::vector<T> to_host(const T* d, size_t n) {
+  std::vector<T> h(n);
+  EXPECT_EQ(memcpy_D2H(h.data(), d, sizeof(T) * n), cudaSuccess);
+  return h;
+}
+
+std::vector<float> random_image(size_t n, unsigned seed, float amplitude = 1.0f) {
+  std::mt19937 gen(seed);
+  std::uniform_real_distribution<float> dist(-amplitude, amplitude);
+  std::vector<float> v(n);
+  for (auto& x : v) x = dist(gen);
+  return v;
+}
+
+// A random n by n pattern inside a border of zeros, as templates have. Turning by a multiple of
+// 90 degrees is then a permutation of pixels up to float rounding: the angle's cosine or sine
+// is not exactly 0, so positions land a hair off the grid, which moves a value by about 1e-7
+// and may drop an edge pixel, here a zero.
+std::vector<float> bordered_pattern(int n, unsigned seed) {
+  std::vector<float> v = random_image(size_t(n) * n, seed);
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < n; ++x)
+      if (x == 0 || y == 0 || x == n - 1 || y == n - 1) v[y * n + x] = 0.0f;
+  return v;
+}
+
+// The image turned by a quarter turn k times, picture turning from +x toward +y about the
+// centre of a square grid of side n: out(x, y) = in(y, n - 1 - x) for one quarter.
+std::vector<float> quarter_turns(const std::vector<float>& in, int n, int k) {
+  std::vector<float> cur = in, out(in.size());
+  for (int q = 0; q < k; ++q) {
+    for (int y = 0; y < n; ++y)
+      for (int x = 0; x < n; ++x) out[y * n + x] = cur[(n - 1 - x) * n + y];
+    cur = out;
+  }
+  return cur;
+}
+
+std::vector<float> rotate_on_device(const std::vector<float>& src, int nx, int ny, float degrees) {
+  float *d_src = to_device(src), *d_out = to_device(std::vector<float>(src.size(), 99.0f));
+  hcuda_2d_rotate(d_src, d_out, nx, ny, degrees);
+  std::vector<float> out = to_host(d_out, src.size());
+  for (float* d : {d_src, d_out}) cudaFree(d);
+  return out;
+}
+
+// What one matching call produces, read back to the host.
+struct Maps {
+  std::vector<float> ccmax, psi;
+};
+
+struct Problem {
+  int n;                          // work image side
+  std::vector<float> mic, mask;   // n by n
+  int tn;                         // template side
+  std::vector<float> T;           // tn by tn
+  float area;
+};
+
+Maps run_matching(const Problem& p, float step, float end, MatchWorkspace* ws = nullptr) {
+  const size_t pixels = static_cast<size_t>(p.n) * p.n;
+  float *mic = to_device(p.mic), *mask = to_device(p.mask), *T = to_device(p.T);
+  float *ccmax = to_device(std::vector<float>(pixels)), *psi = to_device(std::vector<float>(pixels, -5.0f));
+  testing::internal::CaptureStdout();
+  if (ws != nullptr)
+    pickora_ccmax_psi_by_one_template(ws, mic, mask, ccmax, psi, 1, p.n, p.n, T, p.tn, p.tn, p.area, 0.0f, end, step);
+  else
+    pickora_ccmax_psi_by_one_template(mic, mask, ccmax, psi, 1, p.n, p.n, T, p.tn, p.tn, p.area, 0.0f, end, step);
+  testing::internal::GetCapturedStdout();
+  Maps m{to_host(ccmax, pixels), to_host(psi, pixels)};
+  for (float* d : {mic, mask, T, ccmax, psi}) cudaFree(d);
+  return m;
+}
+
+// The scale of the final division, in double.
+double brute_scale(const Problem& p) {
+  double sm = 0.0, st = 0.0, w = 0.0;
+  for (size_t i = 0; i < p.mic.size(); ++i) {
+    sm += double(p.mic[i]) * p.mic[i] * p.mask[i];
+    w += p.mask[i];
+  }
+  for (float t : p.T) st += double(t) * t;
+  return std::sqrt(sm * st * p.area / w);
+}
+
+// Map pixel (X, Y) of the template turned by k quarter turns: the circular correlation of the
+// image with the template padded into the middle of an empty image, read at shift
+// (X - n / 2, Y - n / 2), divided by the scale.
+double brute_map(const Problem& p, int k, int X, int Y) {
+  const std::vector<float> R = quarter_turns(p.T, p.tn, k);
+  const int n = p.n, o = (n - p.tn) / 2;
+  double sum = 0.0;
+  for (int ty = 0; ty < p.tn; ++ty)
+    for (int tx = 0; tx < p.tn; ++tx) {
+      const int mx = ((o + tx + X - n / 2) % n + n) % n, my = ((o + ty + Y - n / 2) % n + n) % n;
+      sum += double(p.mic[my * n + mx]) * R[ty * p.tn + tx];
+    }
+  return sum / brute_scale(p);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(Rotate, ZeroDegreesReturnsEveryPixelExactly) {
+  for (auto [nx, ny] : {std::pair{7, 5}, {8, 8}, {1, 3}}) {
+    const std::vector<float> src = random_image(size_t(nx) * ny, 3);
+    EXPECT_EQ(rotate_on_device(src, nx, ny, 0.0f), src) << nx << " x " << ny;
+  }
+}
+
+TEST(Rotate, QuarterTurnsMovePixelsFromXTowardY) {
+  for (int n : {7, 8}) {
+    const std::vector<float> src = bordered_pattern(n, 11);
+    for (int k : {1, 2, 3}) {
+      const std::vector<float> got = rotate_on_device(src, n, n, 90.0f * k), want = quarter_turns(src, n, k);
+      for (int i = 0; i < n * n; ++i) ASSERT_NEAR(got[i], want[i], 1e-6) << "side " << n << ", " << 90 * k << ", " << i;
+    }
+  }
+}
+
+// Bilinear weights give a constant back exactly inside; the corners turn out of the square.
+TEST(Rotate, PositionsOutsideTheSourceGiveZero) {
+  const std::vector<float> out = rotate_on_device(std::vector<float>(81, 2.5f), 9, 9, 45.0f);
+  EXPECT_EQ(out[4 * 9 + 4], 2.5f);
+  for (int i : {0, 8, 72, 80}) EXPECT_EQ(out[i], 0.0f) << i;
+}
+
+TEST(UpdateCcmax, OnlyAStrictlyLargerValueReplacesTheMaximumAndItsAngle) {
+  //                            raise  tie   NaN   from -inf  lower
+  const std::vector<float> start{0.0f, 1.0f, 1.0f, -INFINITY, 2.0f}, corr{1.0f, 1.0f, NAN, 5.0f, -3.0f};
+  float *ccmax = to_device(start), *cc_only = to_device(start), *c = to_device(corr);
+  float* psi = to_device(std::vector<float>(5, 7.0f));
+  hcuda_update_ccmax_psi_2d(ccmax, c, psi, 9.0f, 5, 1);
+  hcuda_update_ccmax_2d(cc_only, c, 5, 1);
+  const std::vector<float> want{1.0f, 1.0f, 1.0f, 5.0f, 2.0f};
+  EXPECT_EQ(to_host(ccmax, 5), want);
+  EXPECT_EQ(to_host(cc_only, 5), want);
+  EXPECT_EQ(to_host(psi, 5), (std::vector<float>{9.0f, 7.0f, 7.0f, 9.0f, 7.0f}));
+  for (float* d : {ccmax, cc_only, c, psi}) cudaFree(d);
+}
+
+TEST(AngleLoop, CountsAnglesBelowTheEndAndRefusesLoopsThatNeverEnd) {
+  EXPECT_EQ(matching_angle_count(0.0f, 359.0f, 5.0f), 72);
+  EXPECT_EQ(matching_angle_count(0.0f, 359.0f, 1.0f), 359);
+  EXPECT_EQ(matching_angle_count(0.0f, 359.0f, 360.0f), 1);
+  EXPECT_EQ(matching_angle_count(10.0f, 10.0f, 1.0f), 0);
+  for (float step : {0.0f, -5.0f}) EXPECT_EQ(matching_angle_count(0.0f, 359.0f, step), -1) << step;
+  EXPECT_EQ(matching_angle_count(1e8f, 2e8f, 1.0f), -1);  // 1e8 + 1 rounds back to 1e8
+}
+
+TEST(Matching, PrintsOneDotPerAngleAndALineEnd) {
+  const int n = 16, tn = 4;
+  float* mic = to_device(random_image(n * n, 1));
+  float* mask = to_device(std::vector<float>(n * n, 1.0f));
+  float* T = to_device(random_image(tn * tn, 2));
+  float* ccmax = to_device(std::vector<float>(n * n));
+  for (auto [step, dots] : {std::pair{5.0f, 72}, {360.0f, 1}}) {
+    testing::internal::CaptureStdout();
+    pickora_ccmax_by_one_template(mic, mask, ccmax, n, n, T, tn, tn, 1.0f, 0.0f, 359.0f, step);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string(dots, '.') + "\n");
+  }
+  for (float* d : {mic, mask, T, ccmax}) cudaFree(d);
+}
+
+// A random image with a partly cleared mask, a random odd template, angles 0 and 90: every map
+// pixel against the brute-force correlation, and the angle wherever the two angles differ
+// clearly. Also fixes the direction of the shift, the template's anchor and the scale.
+TEST(Matching, MapsAgreeWithBruteForceCorrelation) {
+  Problem p{32, random_image(32 * 32, 21), std::vector<float>(32 * 32, 1.0f), 7, bordered_pattern(7, 22), 3.0f};
+  for (int i = 0; i < 32 * 10; ++i) p.mask[i] = 0.0f;
+  const Maps m = run_matching(p, 90.0f, 180.0f);
+  int decided = 0;
+  for (int Y = 0; Y < p.n; ++Y)
+    for (int X = 0; X < p.n; ++X) {
+      const double c0 = brute_map(p, 0, X, Y), c90 = brute_map(p, 1, X, Y);
+      const size_t i = size_t(Y) * p.n + X;
+      ASSERT_NEAR(m.ccmax[i], std::max(c0, c90), 1e-5) << X << ", " << Y;
+      if (std::fabs(c0 - c90) > 1e-4) {
+        EXPECT_EQ(m.psi[i], c90 > c0 ? 90.0f : 0.0f) << X << ", " << Y;
+        ++decided;
+      }
+    }
+  EXPECT_GT(decided, 1000);
+}
+
+// A template planted at 90 degrees into weak noise is found at its place, with its angle, with
+// the score of the brute-force correlation there, and well above every other pixel.
+TEST(Matching, PlantedTemplateIsFoundAtItsPlaceAndAngle) {
+  const int n = 64, tn = 16, px = 40, py = 21;
+  Problem p{n, random_image(n * n, 31, 0.05f), std::vector<float>(n * n, 1.0f), tn, bordered_pattern(tn, 32), 1.0f};
+  const std::vector<float> turned = quarter_turns(p.T, tn, 1);
+  // For an even side the template's pixel (tn / 2, tn / 2) is its anchor on the map.
+  for (int y = 0; y < tn; ++y)
+    for (int x = 0; x < tn; ++x) p.mic[(py - tn / 2 + y) * n + px - tn / 2 + x] += turned[y * tn + x];
+  const Maps m = run_matching(p, 30.0f, 359.0f);
+  size_t best = 0;
+  float second = -INFINITY;
+  for (size_t i = 1; i < m.ccmax.size(); ++i)
+    if (m.ccmax[i] > m.ccmax[best]) best = i;
+  for (size_t i = 0; i < m.ccmax.size(); ++i)
+    if (i != best) second = std::max(second, m.ccmax[i]);
+  EXPECT_EQ(best, size_t(py) * n + px);
+  EXPECT_EQ(m.psi[best], 90.0f);
+  EXPECT_NEAR(m.ccmax[best], brute_map(p, 1, px, py), 1e-5);
+  EXPECT_GT(m.ccmax[best], 2.0f * second);
+}
+
+// A template of one pixel turns onto itself exactly at every angle, so all four angles
+// correlate equally everywhere and the first one must stay.
+TEST(Matching, EqualCorrelationsKeepTheFirstAngle) {
+  const int n = 16;
+  Problem p{n, random_image(n * n, 41), std::vector<float>(n * n, 1.0f), 1, {1.5f}, 1.0f};
+  const Maps m = run_matching(p, 90.0f, 359.0f);
+  EXPECT_EQ(m.psi, std::vector<float>(n * n, 0.0f));
+}
+
+// Scratch kept across calls gives the same maps as fresh scratch, also when a smaller template
+// follows a larger one and the padded image must be cleared again.
+TEST(Matching, KeptWorkspaceGivesTheSameMapsAsFreshScratch) {
+  Problem big{32, random_image(32 * 32, 51), std::vector<float>(32 * 32, 1.0f), 11, random_image(121, 52), 2.0f};
+  Problem small = big;
+  small.tn = 5;
+  small.T = random_image(25, 53);
+  MatchWorkspace ws{};
+  run_matching(big, 45.0f, 359.0f, &ws);
+  const Maps kept = run_matching(small, 45.0f, 359.0f, &ws);
+  match_workspace_release(&ws);
+  const Maps fresh = run_matching(small, 45.0f, 359.0f);
+  EXPECT_EQ(kept.ccmax, fresh.ccmax);
+  EXPECT_EQ(kept.psi, fresh.psi);
+}
+
+TEST(MatchingDeathTest, RefusesWhatHasNoResult) {
+  float* img = to_device(std::vector<float>(256, 1.0f));
+  const auto match = [&](int n, int tn, float step) {
+    pickora_ccmax_by_one_template(img, img, img, n, n, img, tn, tn, 1.0f, 0.0f, 359.0f, step);
+  };
+  EXPECT_EXIT_REPORT(match(16, 4, 0.0f), "angle step 0 never");
+  EXPECT_EXIT_REPORT(match(16, 4, -5.0f), "angle step -5 never");
+  EXPECT_EXIT_REPORT(match(8, 10, 5.0f), "10 x 10 does not fit");
+  EXPECT_EXIT_REPORT(match(15, 4, 5.0f), "positive even sides");
+  cudaFree(img);
+}
+
+}  // namespace
