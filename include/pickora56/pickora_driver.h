@@ -6,6 +6,7 @@
 
 #include "boxfile/ptcl_box.h"
 #include "mrcfile/mrcfile.h"
+#include "pickora56/matching.h"
 #include "pickora56/pickora_para.h"
 
 // Sizes of the whole run; 32-bit signed, integer divisions truncate.
@@ -77,6 +78,7 @@ struct PickoraRun {
   float* d_templates;   // device, tnx * tny * tnz: normalised (and inverted) for matching
   float template_area;  // area term of the correlation scaling
   float* ccmax_stack;   // host, tnz * work_size^2: one ccmax map per template (write_ccmax_mic)
+  MatchWorkspace match;  // plans and scratch of the matching, kept for the whole run
 
   double t_run;  // start of the run
   double t_step;  // start of the current timed span

@@ -17,6 +17,8 @@
 #include "image_filter/image_filter.h"
 #include "math_utils/device_stats.h"
 #include "pickora56/exclusion_mask.h"
+#include "pickora56/grid_peaks.h"
+#include "pickora56/matching.h"
 #include "pickora56/ice_detect.h"
 #include "pickora56/template_norm.h"
 #include "pickora56/templates.h"
@@ -438,14 +440,49 @@ const PickoraStep kMicrograph[] = {
     {26, "NORMALIZATION time, ccmaxZ cleared", nullptr, mic_normalization_time},
 };
 
-// Steps 27 to 31, once per template (run.t). Empty until the matching arrives:
-//   27: "Template %03d", pickora_ccmax_psi_by_one_template (rotational matching).
-//   28: gpu_find_filter_ccmax_psi_grids_exclusive (grid peak search).
-//   29: output_pickora_coord_one_temp into the candidate file (candidate files).
-//   30: write_ccmax_z: hcuda_update_ccmax_2d (rotational matching).
-//   31: write_ccmax_mic: ccmax map to slice t of the host correlation stack.
-const PickoraStep* const kPerTemplate = nullptr;
-constexpr int kPerTemplateCount = 0;
+// --- One template ----------------------------------------------------------------------------
+
+StepOutcome tmpl_match(PickoraRun& run) {
+  std::printf("Template %03d\n", run.t + 1);
+  const size_t slice = static_cast<size_t>(run.tnx) * static_cast<size_t>(run.tny);
+  pickora_ccmax_psi_by_one_template(&run.match, run.d_work, run.d_mask, run.d_ccmax, run.d_psi, 1, run.sizes.work_size,
+                                    run.sizes.work_size, run.d_templates + slice * run.t, run.tnx, run.tny,
+                                    run.template_area, run.para.psi_start, run.para.psi_end, run.para.ang_step);
+  return StepOutcome::kNext;
+}
+
+StepOutcome tmpl_find_peaks(PickoraRun& run) {
+  gpu_find_filter_ccmax_psi_grids_exclusive(run.d_ccmax, run.d_psi, run.peak_index, run.peak_cc, run.peak_psi,
+                                            run.para.cc_cutoff, run.sizes.work_size, run.sizes.work_size,
+                                            run.sizes.grid_step, run.d_grid,
+                                            static_cast<unsigned>(run.sizes.grid_cells));
+  return StepOutcome::kNext;
+}
+
+StepOutcome tmpl_write_candidates(PickoraRun& run) {
+  output_pickora_coord_one_temp(run.fp_candidates, run.peak_index, run.peak_cc, run.peak_psi, run.t,
+                                run.sizes.grid_cells, run.sizes.work_size, run.sizes.work_size,
+                                run.para.boxsize / run.para.shrink);
+  return StepOutcome::kNext;
+}
+
+StepOutcome tmpl_raise_ccmaxZ(PickoraRun& run) {
+  hcuda_update_ccmax_2d(run.d_ccmaxZ, run.d_ccmax, run.sizes.work_size, run.sizes.work_size);
+  return StepOutcome::kNext;
+}
+
+StepOutcome tmpl_keep_ccmax(PickoraRun& run) {
+  PK_CUDA_CHECK(memcpy_D2H(run.ccmax_stack + work_pixels(run) * run.t, run.d_ccmax, work_pixels(run) * sizeof(float)));
+  return StepOutcome::kNext;
+}
+
+const PickoraStep kPerTemplate[] = {
+    {27, "rotational matching", nullptr, tmpl_match},
+    {28, "grid peak search", nullptr, tmpl_find_peaks},
+    {29, "candidates of this template", nullptr, tmpl_write_candidates},
+    {30, "ccmaxZ", flag_gate<&Pickora_Para::write_ccmax_z>, tmpl_raise_ccmaxZ},
+    {31, "ccmax map into the correlation stack", flag_gate<&Pickora_Para::write_ccmax_mic>, tmpl_keep_ccmax},
+};
 
 StepOutcome mic_close_micrograph(PickoraRun& run) {
   std::fclose(run.fp_mic);
@@ -486,10 +523,22 @@ StepOutcome mic_finished(PickoraRun& run) {
   return StepOutcome::kNext;
 }
 
+StepOutcome mic_write_ccmaxZ(PickoraRun& run) {
+  write_work_map(run, run.d_ccmaxZ, "_ccmaxZ.mrc");
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_write_ccmax_stack(PickoraRun& run) {
+  char name[1024];
+  mrcf_set_outname_by_suffix(name, run.name, "_ccmax.mrc");
+  mrcf_write_xyz_data(name, run.ccmax_stack, run.sizes.work_size, run.sizes.work_size, run.tnz);
+  return StepOutcome::kNext;
+}
+
 // Steps 32 to 39, after the last template.
 const PickoraStep kAfterTemplates[] = {
-    // 32: write_ccmax_z: "_ccmaxZ.mrc" (MRC writing).
-    // 33: write_ccmax_mic: "_ccmax.mrc", tnz slices (MRC writing).
+    {32, "_ccmaxZ.mrc", flag_gate<&Pickora_Para::write_ccmax_z>, mic_write_ccmaxZ},
+    {33, "_ccmax.mrc", flag_gate<&Pickora_Para::write_ccmax_mic>, mic_write_ccmax_stack},
     {34, "close the micrograph", nullptr, mic_close_micrograph},
     {35, "close the candidate file", nullptr, mic_close_candidates},
     {36, "box filter into the final .box file", nullptr, mic_box_filter},
@@ -507,7 +556,7 @@ void process_micrograph(PickoraRun& run, int mic) {
   run.mic = mic;
   run.name = run.para.files[mic];
   if (run_steps(kMicrograph, count_of(kMicrograph), run) == StepOutcome::kSkipMicrograph) return;
-  for (run.t = 0; run.t < run.tnz; ++run.t) run_steps(kPerTemplate, kPerTemplateCount, run);
+  for (run.t = 0; run.t < run.tnz; ++run.t) run_steps(kPerTemplate, count_of(kPerTemplate), run);
   run_steps(kAfterTemplates, count_of(kAfterTemplates), run);
 }
 
@@ -521,6 +570,7 @@ void release_buffers(PickoraRun& run) {
   std::free(run.peak_psi);
   delete[] run.excluded;
   destroy_template_data(run.templates);
+  match_workspace_release(&run.match);
   std::free(run.ccmax_stack);
   void* const device_buffers[] = {run.d_work,   run.d_mask, run.d_ccmax,    run.d_psi,
                                   run.d_ccmaxZ, run.d_grid, run.d_templates};

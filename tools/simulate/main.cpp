@@ -42,6 +42,7 @@ void print_usage() {
       "  --min_dist A         least distance between particle centres in Angstrom (the diameter)\n"
       "  --edge A             least distance of a centre from the image edge in Angstrom (the diameter)\n"
       "  --snr S              particle power over noise power inside the particle disc (0.1)\n"
+      "  --lobe_width W       scale of the widths of the shape's lobes; below 1 gives finer detail (1)\n"
       "  --bg S               RMS of the smooth background, in noise sigmas (1)\n"
       "  --contamination 0|1  ice blobs and carbon edge (1)\n"
       "  --ice N              ice blobs, alternately dark and bright (2)\n"
@@ -95,6 +96,7 @@ bool apply_option(SimParams& p, const std::string& name, const char* o, const ch
   else if (name == "min_dist") p.min_dist_A = parse_positive(o, v);
   else if (name == "edge") p.edge_A = parse_non_negative(o, v);
   else if (name == "snr") p.snr = parse_positive(o, v);
+  else if (name == "lobe_width") p.lobe_width = parse_positive(o, v);
   else if (name == "bg") p.bg_rms = parse_non_negative(o, v);
   else if (name == "contamination") p.contamination = parse_int(o, v, 0, 1) != 0;
   else if (name == "ice") p.ice = parse_int(o, v, 0, 1000);

@@ -56,7 +56,7 @@ int write_template_stack(const std::string& path, const SimParams& p) {
   std::vector<float> stack;
   stack.reserve(static_cast<size_t>(side) * side * p.templates);
   for (int v = 0; v < p.templates; ++v) {
-    const std::vector<float> img = render_shape(make_view_lobes(v), side, apix_t, p.diameter_A);
+    const std::vector<float> img = render_shape(make_view_lobes(v, p.lobe_width), side, apix_t, p.diameter_A);
     stack.insert(stack.end(), img.begin(), img.end());
   }
   write_mrc_with_pixel_size(path, stack.data(), side, side, p.templates, apix_t);

@@ -218,7 +218,7 @@ ParticleImages make_particle_images(const SimParams& p) {
   const double radius = 0.5 * p.diameter_px();
   const int c = im.side / 2;
   for (int v = 0; v < p.templates; ++v) {
-    im.views.push_back(render_shape(make_view_lobes(v), im.side, p.apix, p.diameter_A));
+    im.views.push_back(render_shape(make_view_lobes(v, p.lobe_width), im.side, p.apix, p.diameter_A));
     // Mean power over the particle disc sets the amplitude for the SNR against unit noise.
     double power = 0;
     long n = 0;

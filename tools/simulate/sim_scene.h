@@ -20,6 +20,7 @@ struct SimParams {
   int particles = 0;          // per micrograph; 0: a density that fills about a third of the area
   int templates = 3;          // views
   double snr = 0.1;           // particle power over noise power, per pixel inside the particle disc
+  double lobe_width = 1.0;    // scales the widths of the shape's lobes: below 1, finer detail
   double bg_rms = 1.0;        // smooth background, in noise sigmas
   bool contamination = true;  // ice blobs and the carbon edge
   int ice = 2;                // ice blobs, alternately dark and bright

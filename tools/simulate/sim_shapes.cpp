@@ -53,7 +53,7 @@ void normalise_peak(std::vector<ShapeLobe>& lobes) {
 
 }  // namespace
 
-std::vector<ShapeLobe> make_view_lobes(int view) {
+std::vector<ShapeLobe> make_view_lobes(int view, double width_scale) {
   // The golden angle spreads the arm directions of successive views; the hook bends to
   // alternate sides, so neighbouring views are mirror images in outline but not in detail.
   const double arm = (20.0 + 137.5 * view) * kPi / 180.0;
@@ -62,6 +62,7 @@ std::vector<ShapeLobe> make_view_lobes(int view) {
   const ShapeLobe limb{0.21 * std::cos(arm), 0.21 * std::sin(arm), 0.085 * (1.0 + 0.1 * (view % 3)), 0.9};
   const ShapeLobe hook{limb.x + 0.15 * std::cos(arm + bend), limb.y + 0.15 * std::sin(arm + bend), 0.065, 0.85};
   std::vector<ShapeLobe> lobes{body, limb, hook};
+  for (ShapeLobe& l : lobes) l.sigma *= width_scale;
   centre_lobes(lobes);
   normalise_peak(lobes);
   return lobes;

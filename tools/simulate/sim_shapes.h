@@ -13,7 +13,7 @@ struct ShapeLobe {
 };
 
 // The lobes of view `view` (0, 1, ...), scaled so that the shape's peak is 1.
-std::vector<ShapeLobe> make_view_lobes(int view);
+std::vector<ShapeLobe> make_view_lobes(int view, double width_scale = 1.0);
 
 // The shape at (u, v), in diameters from the particle centre: the lobes times the soft rim.
 double shape_value(const std::vector<ShapeLobe>& lobes, double u, double v);
