@@ -15,7 +15,14 @@
 
 namespace {
 
-const std::string kRelion = std::string(PICKORA_TESTDATA_DIR) + "/relion/";
+const std::string kSamples = std::string(PICKORA_TESTDATA_DIR) + "/relion/";
+using Fields = std::vector<double>;
+
+// Every field of a record, for one-line comparisons: x, y, w, h, cc, class, psi, distance
+// (float fields widen exactly).
+Fields fields(const PTCL_BOX& b) {
+  return {double(b.x), double(b.y), double(b.w), double(b.h), b.cc, double(b.class_number), b.psi, b.distance};
+}
 
 // An array pre-filled with a pattern that the reader must clear or overwrite.
 std::vector<PTCL_BOX> dirty(int n) {
@@ -30,16 +37,15 @@ int read(const std::string& text, const std::string& suffix, std::vector<PTCL_BO
   return read_all_ptcl_boxes(boxes.data(), static_cast<int>(boxes.size()), f.path.c_str());
 }
 
+PTCL_BOX box_at(int x, int y, int w, int h) {
+  PTCL_BOX b;
+  b.x = x, b.y = y, b.w = w, b.h = h;
+  return b;
+}
+
 TEST(PtclBox, RecordDefaults) {
-  const PTCL_BOX b;
-  EXPECT_EQ(b.w, 256);
-  EXPECT_EQ(b.h, 256);
-  EXPECT_EQ(b.x, 0);
-  EXPECT_EQ(b.cc, 0.0f);
-  const PTCL_BOX z = one_new_ptcl_box();
-  EXPECT_EQ(z.w, 0);
-  EXPECT_EQ(z.h, 0);
-  EXPECT_EQ(z.distance, 0.0f);
+  EXPECT_EQ(fields(PTCL_BOX()), Fields({0, 0, 256, 256, 0, 0, 0, 0}));
+  EXPECT_EQ(fields(one_new_ptcl_box()), Fields({0, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(sizeof(PTCL_BOX), 32u);
 }
 
@@ -52,19 +58,11 @@ TEST(BoxFile, ColumnCountsFourToSeven) {
       "13 23 33 43 0.125 4 90.5\n"
       "14 24 34 44 0.75 5 45.0 extra tokens\n";
   ASSERT_EQ(read(text, ".box", boxes), 5);
-  EXPECT_EQ(boxes[0].x, 10);
-  EXPECT_EQ(boxes[0].h, 40);
-  EXPECT_EQ(boxes[0].cc, 0.0f);
-  EXPECT_EQ(boxes[0].class_number, 0);
-  EXPECT_EQ(boxes[0].psi, 0.0f);
-  EXPECT_EQ(boxes[1].cc, 0.5f);
-  EXPECT_EQ(boxes[1].class_number, 0);
-  EXPECT_EQ(boxes[2].class_number, 3);
-  EXPECT_EQ(boxes[2].psi, 0.0f);
-  EXPECT_EQ(boxes[3].psi, 90.5f);
-  EXPECT_EQ(boxes[4].class_number, 5);
-  EXPECT_EQ(boxes[4].psi, 45.0f);
-  EXPECT_EQ(boxes[4].distance, 0.0f);
+  EXPECT_EQ(fields(boxes[0]), Fields({10, 20, 30, 40, 0, 0, 0, 0}));
+  EXPECT_EQ(fields(boxes[1]), Fields({11, 21, 31, 41, 0.5, 0, 0, 0}));
+  EXPECT_EQ(fields(boxes[2]), Fields({12, 22, 32, 42, 0.25, 3, 0, 0}));
+  EXPECT_EQ(fields(boxes[3]), Fields({13, 23, 33, 43, 0.125, 4, 90.5, 0}));
+  EXPECT_EQ(fields(boxes[4]), Fields({14, 24, 34, 44, 0.75, 5, 45, 0}));
   for (int i = 5; i < 8; ++i) EXPECT_EQ(boxes[i].x, 0) << "cleared beyond the rows read";
 }
 
@@ -75,21 +73,14 @@ TEST(BoxFile, ProgramsOwnRows) {
   std::snprintf(rejected, sizeof rejected, "%-8d%-8d%-8d%-8d\t%-8.6f\t%-8.6f\n", 64, 96, 32, 32, 2.5f, 3.75f);
   auto boxes = dirty(4);
   ASSERT_EQ(read(std::string(picked) + rejected, "_pickora.box", boxes), 2);
-  EXPECT_EQ(boxes[0].x, 1802);
-  EXPECT_EQ(boxes[0].w, 396);
-  EXPECT_FLOAT_EQ(boxes[0].cc, 0.456789f);
-  EXPECT_EQ(boxes[0].class_number, 7);
-  EXPECT_EQ(boxes[0].psi, 123.5f);
-  EXPECT_EQ(boxes[1].cc, 2.5f);
-  EXPECT_EQ(boxes[1].class_number, 3);  // the sixth token's integer part
-  EXPECT_EQ(boxes[1].psi, 0.0f);
+  EXPECT_EQ(fields(boxes[0]), Fields({1802, 1002, 396, 396, 0.456789f, 7, 123.5, 0}));
+  EXPECT_EQ(fields(boxes[1]), Fields({64, 96, 32, 32, 2.5, 3, 0, 0}));  // class: the sixth token's integer part
 }
 
 TEST(BoxFile, BlankLinesEmptyFilesAndCapacity) {
   auto boxes = dirty(5);
   ASSERT_EQ(read("\n1 2 3 4\n   \n\t\r\n5 6 7 8", ".box", boxes), 2);
-  EXPECT_EQ(boxes[1].x, 5);
-  EXPECT_EQ(boxes[1].h, 8);
+  EXPECT_EQ(fields(boxes[1]), Fields({5, 6, 7, 8, 0, 0, 0, 0}));
   boxes = dirty(3);
   EXPECT_EQ(read("", ".box", boxes), 0);
   for (const PTCL_BOX& b : boxes) EXPECT_TRUE(b.x == 0 && b.w == 0 && b.psi == 0.0f);
@@ -101,34 +92,28 @@ TEST(BoxFile, BlankLinesEmptyFilesAndCapacity) {
   EXPECT_EQ(read_all_ptcl_boxes(boxes.data(), 0, f.path.c_str()), 0);
 }
 
-TEST(BoxFile, ShortLineIsFatal) {
-  TempFile f("1 2 3 4\n1 2 3\n", ".box");
-  std::vector<PTCL_BOX> boxes(4);
-  EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 4, f.path.c_str()),
-                     "Error in function read_all_ptcl_boxes\\(\\), file src/boxfile on line [0-9]+: "
-                     "unrecognized box format!! Exit now!");
-}
-
 TEST(BoxFile, SuffixIsExactAndCaseSensitive) {
   EXPECT_EQ(get_boxf_suffixf("a.star"), 1);
   EXPECT_EQ(get_boxf_suffixf("a_rejected.star"), 1);
   EXPECT_EQ(get_boxf_suffixf("a_nonunique.box"), 2);
-  EXPECT_EQ(get_boxf_suffixf("a.BOX"), 0);
-  EXPECT_EQ(get_boxf_suffixf("a.Star"), 0);
-  EXPECT_EQ(get_boxf_suffixf("a.box.txt"), 0);
+  for (const char* name : {"a.BOX", "a.Star", "a.box.txt"}) EXPECT_EQ(get_boxf_suffixf(name), 0) << name;
   for (const char* suffix : {".BOX", ".STAR", ".txt"}) {
     auto boxes = dirty(2);
     testing::internal::CaptureStdout();
     EXPECT_EQ(read("1 2 3 4\n", suffix, boxes), 0) << suffix;
-    const std::string said = testing::internal::GetCapturedStdout();
-    EXPECT_NE(said.find("unrecognized box file format, only EMAN .box and Relion .star file are supported now.!"),
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "unrecognized box file format, only EMAN .box and Relion .star file are supported now.!"),
               std::string::npos);
     EXPECT_EQ(boxes[0].x, 0);
   }
 }
 
-TEST(BoxFile, MissingFileIsFatal) {
-  std::vector<PTCL_BOX> boxes(1);
+TEST(BoxFile, ShortLineAndMissingFileAreFatal) {
+  TempFile f("1 2 3 4\n1 2 3\n", ".box");
+  std::vector<PTCL_BOX> boxes(4);
+  EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 4, f.path.c_str()),
+                     "Error in function read_all_ptcl_boxes\\(\\), file src/boxfile on line [0-9]+: "
+                     "unrecognized box format!! Exit now!");
   EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 1, "/nonexistent/m.box"),
                      "Cannot open file /nonexistent/m.box. Permission denied or wrong file name.\n.*"
                      "Error in function read_all_ptcl_boxes\\(\\), file src/boxfile on line [0-9]+: "
@@ -137,57 +122,36 @@ TEST(BoxFile, MissingFileIsFatal) {
                      "Cannot open file /nonexistent/m.box!\n.*open file failed.! Exit now!");
 }
 
-TEST(StarCoordinates, DecimalsGiveTheirIntegerPart) {
+TEST(StarCoordinates, CentresWithTheirIntegerPartAndOptionalColumns) {
   auto boxes = dirty(4);
-  const std::string text =
-      "\n# version 30001\n\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n"
-      "  100.900000   200.100000\n-3.7 4.2\n";
-  ASSERT_EQ(read(text, ".star", boxes), 2);
-  EXPECT_EQ(boxes[0].x, 100);
-  EXPECT_EQ(boxes[0].y, 200);
-  EXPECT_EQ(boxes[0].w, 0);
-  EXPECT_EQ(boxes[0].h, 0);
-  EXPECT_EQ(boxes[0].cc, 0.0f);
-  EXPECT_EQ(boxes[0].class_number, 0);
+  ASSERT_EQ(read("\n# version 30001\n\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n"
+                 "  100.900000   200.100000\n-3.7 4.2\n",
+                 ".star", boxes),
+            2);
+  EXPECT_EQ(fields(boxes[0]), Fields({100, 200, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(boxes[1].x, -3);
-}
 
-TEST(StarCoordinates, ProgramsOwnStarFile) {
   // The head and row format the picker writes: centre x, centre y, psi, class, figure of merit.
   char row[128];
   std::snprintf(row, sizeof row, "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", 2000, 1200, 33.5f, 2, 0.875f);
-  const std::string text = std::string(
-                               "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
-                               "_rlnClassNumber #4\n_rlnAutopickFigureOfMerit #5\n") +
-                           row;
-  auto boxes = dirty(2);
-  ASSERT_EQ(read(text, "_pickora.star", boxes), 1);
-  EXPECT_EQ(boxes[0].x, 2000);
-  EXPECT_EQ(boxes[0].y, 1200);
-  EXPECT_EQ(boxes[0].psi, 33.5f);
-  EXPECT_EQ(boxes[0].class_number, 2);
-  EXPECT_EQ(boxes[0].cc, 0.875f);
-}
+  ASSERT_EQ(read(std::string("\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
+                             "_rlnClassNumber #4\n_rlnAutopickFigureOfMerit #5\n") +
+                     row,
+                 "_pickora.star", boxes),
+            1);
+  EXPECT_EQ(fields(boxes[0]), Fields({2000, 1200, 0, 0, 0.875, 2, 33.5, 0}));
 
-TEST(StarCoordinates, RelionAutopickFile) {
-  std::vector<PTCL_BOX> boxes(100);
-  const std::string path = kRelion + "autopick_coords.star";
-  ASSERT_EQ(read_all_ptcl_boxes(boxes.data(), 100, path.c_str()), 13);
-  EXPECT_EQ(boxes[0].x, 872);
-  EXPECT_EQ(boxes[0].y, 256);
-  EXPECT_EQ(boxes[0].class_number, 5);
-  EXPECT_FLOAT_EQ(boxes[0].cc, 0.756319f);
-  EXPECT_EQ(boxes[0].psi, 200.0f);
-  EXPECT_EQ(boxes[12].x, 632);
-  EXPECT_EQ(boxes[12].w, 0);
-  EXPECT_EQ(boxes[13].x, 0);
+  std::vector<PTCL_BOX> sample(100);
+  ASSERT_EQ(read_all_ptcl_boxes(sample.data(), 100, (kSamples + "autopick_coords.star").c_str()), 13);
+  EXPECT_EQ(fields(sample[0]), Fields({872, 256, 0, 0, 0.756319f, 5, 200, 0}));
+  EXPECT_EQ(sample[12].x, 632);
+  EXPECT_EQ(sample[13].x, 0);
 }
 
 TEST(StarCoordinates, TableWithoutCoordinatesIsRefused) {
   std::vector<PTCL_BOX> boxes(10);
   for (const char* file : {"autopick_summary.star", "micrographs_optics.star"}) {
-    const std::string path = kRelion + file;
-    EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 10, path.c_str()),
+    EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 10, (kSamples + file).c_str()),
                        "read_all_ptcl_boxes.*has no usable _rlnCoordinateX column.*Exit now!")
         << file;
   }
@@ -196,76 +160,48 @@ TEST(StarCoordinates, TableWithoutCoordinatesIsRefused) {
                      "has no usable _rlnCoordinateY column");
 }
 
-TEST(Resize, KeepsTheCentre) {
-  PTCL_BOX boxes[2];
-  boxes[0].x = 1000;
-  boxes[0].y = 500;
-  boxes[1].x = 10;
-  boxes[1].y = 20;
-  boxes[1].w = boxes[1].h = 128;
+TEST(Records, ResizeKeepsTheCentreAndCentresOfBothKinds) {
+  PTCL_BOX boxes[2] = {box_at(1000, 500, 256, 256), box_at(10, 20, 128, 128)};
   resize_ptcl_boxes(boxes, 1, 128);
-  EXPECT_EQ(boxes[0].x, 1064);
-  EXPECT_EQ(boxes[0].y, 564);
-  EXPECT_EQ(boxes[0].w, 128);
   resize_ptcl_boxes(boxes + 1, 1, 256);
-  EXPECT_EQ(boxes[1].x, -54);
-  EXPECT_EQ(boxes[1].y, -44);
-  EXPECT_EQ(boxes[1].h, 256);
+  EXPECT_EQ(fields(boxes[0]), Fields({1064, 564, 128, 128, 0, 0, 0, 0}));
+  EXPECT_EQ(fields(boxes[1]), Fields({-54, -44, 256, 256, 0, 0, 0, 0}));
   PTCL_BOX star_record = one_new_ptcl_box();  // a centre from a .star file becomes a corner
   star_record.x = 300;
   resize_ptcl_boxes(&star_record, 1, 100);
   EXPECT_EQ(star_record.x, 250);
   EXPECT_EQ(star_record.w, 100);
-}
 
-TEST(Centres, IntAndFloatForms) {
-  PTCL_BOX boxes[2];
-  boxes[0].x = 10;
-  boxes[0].y = 20;
-  boxes[0].w = 31;
-  boxes[0].h = 40;
-  boxes[1] = one_new_ptcl_box();
-  boxes[1].x = 7;
-  boxes[1].y = 9;
+  PTCL_BOX two[2] = {box_at(10, 20, 31, 40), box_at(7, 9, 0, 0)};
   int2 c[2];
   float2 f[2];
-  ptcl_boxes_to_int2(c, boxes, 2, 0);
-  EXPECT_EQ(c[0].x, 25);
-  EXPECT_EQ(c[0].y, 40);
-  EXPECT_EQ(c[1].x, 7);
-  ptcl_boxes_to_int2(c, boxes, 2, 100);
-  EXPECT_EQ(c[0].x, 60);
-  EXPECT_EQ(c[1].y, 59);
-  ptcl_boxes_to_float2(f, boxes, 2, 0);
-  EXPECT_EQ(f[0].x, 25.0f);
-  EXPECT_EQ(f[1].y, 9.0f);
+  ptcl_boxes_to_int2(c, two, 2, 0);
+  EXPECT_EQ(std::vector<int>({c[0].x, c[0].y, c[1].x, c[1].y}), std::vector<int>({25, 40, 7, 9}));
+  ptcl_boxes_to_int2(c, two, 2, 100);
+  EXPECT_EQ(std::vector<int>({c[0].x, c[0].y, c[1].x, c[1].y}), std::vector<int>({60, 70, 57, 59}));
+  ptcl_boxes_to_float2(f, two, 2, 0);
+  EXPECT_EQ(std::vector<float>({f[0].x, f[0].y, f[1].x, f[1].y}), std::vector<float>({25, 40, 7, 9}));
 }
 
-TEST(Centres, VectorReaderAndCopy) {
+TEST(Records, VectorReaderCopyAndCount) {
   TempFile box("0 0 100 50\n10 10 20 20 0.5 1 2\n", ".box");
   std::vector<int2> centres(3, make_int2(-1, -1));
   ASSERT_EQ(read_all_box_vecxyi(centres, box.path.c_str()), 2);
   ASSERT_EQ(centres.size(), 2u);
-  EXPECT_EQ(centres[0].x, 50);
-  EXPECT_EQ(centres[0].y, 25);
-  EXPECT_EQ(centres[1].x, 20);
-  const std::string star = kRelion + "autopick_coords.star";
+  EXPECT_EQ(std::vector<int>({centres[0].x, centres[0].y, centres[1].x}), std::vector<int>({50, 25, 20}));
+  const std::string star = kSamples + "autopick_coords.star";
   int2 out[4] = {};
   EXPECT_EQ(boxf_read_all_xysi(out, 2, star.c_str()), 13);
-  EXPECT_EQ(out[1].x, 212);
-  EXPECT_EQ(out[1].y, 280);
-  EXPECT_EQ(out[2].x, 0);  // only two copied
+  EXPECT_EQ(std::vector<int>({out[1].x, out[1].y, out[2].x}), std::vector<int>({212, 280, 0}));  // two copied
   std::vector<int2> all(13);
   EXPECT_EQ(boxf_read_all_xysi(all.data(), 0, star.c_str()), 13);
   EXPECT_EQ(all[12].x, 632);
-}
-
-TEST(Counting, SevenColumnRowsOnly) {
+  // Only rows of seven columns count.
   TempFile f("1 2 3 4\n1 2 3 4 5 6 7\n\n1 2 3 4 5 6 7 8\n1 2 3 4 5 6\n", ".box");
   EXPECT_EQ(get_ptcl_number_from_boxf(f.path.c_str()), 2);
 }
 
-TEST(Printing, FormatAndEmptyBoxes) {
+TEST(Printing, FormatEmptyBoxesAndTheLimit) {
   PTCL_BOX boxes[3];
   boxes[0].x = 5;
   boxes[0].y = 6;
@@ -278,15 +214,11 @@ TEST(Printing, FormatAndEmptyBoxes) {
   print_n_ptcl_boxes(boxes, 3);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "5       6       256     256     0.500000        2       10.000000\n");
-}
 
-TEST(Printing, WholeArrayToAFileAndTheLimit) {
   PTCL_BOX* all = static_cast<PTCL_BOX*>(std::calloc(PTCL_BOX_MAX, sizeof(PTCL_BOX)));
   ASSERT_NE(all, nullptr);
-  all[0].x = 1;
-  all[0].w = all[0].h = 2;
-  all[PTCL_BOX_MAX - 1].x = 9;
-  all[PTCL_BOX_MAX - 1].w = all[PTCL_BOX_MAX - 1].h = 4;
+  all[0] = box_at(1, 0, 2, 2);
+  all[PTCL_BOX_MAX - 1] = box_at(9, 0, 4, 4);
   TempFile f("", ".box");
   fprint_all_ptcl_boxes(f.path.c_str(), all);
   EXPECT_EQ(read_file_bytes(f.path),
@@ -304,11 +236,8 @@ TEST(Printing, WholeArrayToAFileAndTheLimit) {
                      "Cannot open file /nonexistent/dir/o.box. strike any key exit!");
 }
 
-TEST(Neighbours, CircleOfGridPoints) {
-  PTCL_BOX center;
-  center.x = 100;
-  center.y = 100;
-  center.w = center.h = 20;  // centre (110, 110)
+TEST(Neighbours, CircleOfGridPointsAndFromAFile) {
+  const PTCL_BOX center = box_at(100, 100, 20, 20);  // centre (110, 110)
   std::vector<PTCL_BOX> out(64);
   const int n = auto_generate_neighbor_boxes_circular(out.data(), 64, center, 10.0f, 16, 5);
   ASSERT_EQ(n, 13);  // offsets of d 0, 5, 7.07 and 10
@@ -320,7 +249,7 @@ TEST(Neighbours, CircleOfGridPoints) {
     EXPECT_FLOAT_EQ(b.distance, std::sqrt(dx * dx + dy * dy));
     EXPECT_LE(b.distance, 10.0f);
     EXPECT_FLOAT_EQ(b.cc, 0.3989423f * std::exp(-b.distance * b.distance / (100.0f / 4.5f)));
-    if (b.distance == 0.0f) ++at_centre;
+    at_centre += b.distance == 0.0f;
   }
   EXPECT_EQ(at_centre, 1);
   EXPECT_EQ(out[0].y + 8, 100);  // rows from the lowest
@@ -329,15 +258,8 @@ TEST(Neighbours, CircleOfGridPoints) {
   EXPECT_EQ(out[0].cc, 0.3989423f);
   EXPECT_EQ(auto_generate_neighbor_boxes_circular(out.data(), 64, center, 10.0f, 16, 0), 0);
   EXPECT_EQ(auto_generate_neighbor_boxes_circular(out.data(), 64, center, 1e30f, 16, 1), 64);  // ends at capacity
-}
 
-TEST(Neighbours, FromAFile) {
   TempFile f("data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n110 110\n113 114\n", ".star");
-  PTCL_BOX center;
-  center.x = 100;
-  center.y = 100;
-  center.w = center.h = 20;
-  std::vector<PTCL_BOX> out(8);
   ASSERT_EQ(generate_neighbor_boxes_from_boxf(out.data(), 8, f.path.c_str(), center, 10.0f, 32), 2);
   EXPECT_EQ(out[0].x, 94);
   EXPECT_EQ(out[0].w, 32);
@@ -349,10 +271,8 @@ TEST(Neighbours, FromAFile) {
 TEST(Grids, PlainGrid) {
   const auto points = auto_gridbox_2d(0, 10, 5, 0, 4, 2);
   ASSERT_EQ(points.size(), 9u);
-  EXPECT_EQ(points[1].x, 5.0f);
-  EXPECT_EQ(points[1].y, 0.0f);
-  EXPECT_EQ(points[8].x, 10.0f);
-  EXPECT_EQ(points[8].y, 4.0f);
+  EXPECT_EQ(std::vector<float>({points[1].x, points[1].y, points[8].x, points[8].y}),
+            std::vector<float>({5, 0, 10, 4}));
   EXPECT_TRUE(auto_gridbox_2d(0, 10, 0, 0, 4, 2).empty());
   EXPECT_TRUE(auto_gridbox_2d(10, 0, 1, 0, 4, 2).empty());
   testing::internal::CaptureStdout();
@@ -368,12 +288,9 @@ TEST(Grids, PlainGrid) {
 TEST(Grids, CentredBoxesStayInside) {
   const auto corners = auto_gridbox_2d_from_center(100, 80, 20, 30, 30);
   ASSERT_EQ(corners.size(), 9u);
-  EXPECT_EQ(corners[0].x, 10u);
-  EXPECT_EQ(corners[0].y, 0u);
-  EXPECT_EQ(corners[4].x, 40u);  // the middle box is centred on the area
-  EXPECT_EQ(corners[4].y, 30u);
-  EXPECT_EQ(corners[8].x, 70u);
-  EXPECT_EQ(corners[8].y, 60u);
+  // The middle box is centred on the area.
+  EXPECT_EQ(std::vector<unsigned>({corners[0].x, corners[0].y, corners[4].x, corners[4].y, corners[8].x, corners[8].y}),
+            std::vector<unsigned>({10, 0, 40, 30, 70, 60}));
   EXPECT_EQ(auto_gridbox_2d_from_center_nxm(100, 80, 20, 3, 2).size(), 3u);
   EXPECT_TRUE(auto_gridbox_2d_from_center(100, 80, 120, 30, 30).empty());
   EXPECT_TRUE(auto_gridbox_2d_from_center(100, 80, 20, 0, 30).empty());
@@ -381,9 +298,7 @@ TEST(Grids, CentredBoxesStayInside) {
   EXPECT_EQ(auto_grid_starboxf_2d_from_center_nxm(f.path.c_str(), 100, 80, 20, 3, 2), 3);
   std::vector<PTCL_BOX> back(8);
   ASSERT_EQ(read_all_ptcl_boxes(back.data(), 8, f.path.c_str()), 3);  // centres, read back as a .star file
-  EXPECT_EQ(back[0].x, 17);
-  EXPECT_EQ(back[1].x, 50);
-  EXPECT_EQ(back[1].y, 40);
+  EXPECT_EQ(std::vector<int>({back[0].x, back[1].x, back[1].y}), std::vector<int>({17, 50, 40}));
   EXPECT_EQ(auto_grid_starboxf_2d_from_center(f.path.c_str(), 100, 80, 20, 30, 30), 9);
 }
 

@@ -14,6 +14,7 @@
 #include "cuda_fast_sum/cuda_fast_sum.h"
 #include "cuda_general/cuda_general.h"
 #include "math_utils/device_stats.h"
+#include "support/device_data.h"
 
 namespace {
 
@@ -28,38 +29,14 @@ std::uint32_t bits(float v) {
 #define EXPECT_SAME_FLOAT(expected, actual) EXPECT_EQ(bits(expected), bits(actual)) << (expected) << " vs " << (actual)
 
 // A device copy of a host array, freed at the end of the scope.
-class DeviceArray {
- public:
-  explicit DeviceArray(const Floats& host) : n_(host.size()) {
-    safe_cudaMalloc(&d_, (n_ > 0 ? n_ : 1) * sizeof(float));
-    if (n_ > 0) {
-      EXPECT_EQ(memcpy_H2D(d_, host.data(), n_ * sizeof(float)), cudaSuccess);
-    }
-  }
-  ~DeviceArray() {
-    if (d_ != nullptr) cudaFree(d_);
-  }
+struct DeviceArray {
+  explicit DeviceArray(const Floats& h) : d(to_device(h)), n(h.size()) {}
+  ~DeviceArray() { cudaFree(d); }
   DeviceArray(const DeviceArray&) = delete;
-  DeviceArray& operator=(const DeviceArray&) = delete;
-
-  float* get() const { return d_; }
-  // Hands the array to a callee that frees it.
-  float* release() {
-    float* d = d_;
-    d_ = nullptr;
-    return d;
-  }
-  Floats host() const {
-    Floats h(n_);
-    if (n_ > 0) {
-      EXPECT_EQ(memcpy_D2H(h.data(), d_, n_ * sizeof(float)), cudaSuccess);
-    }
-    return h;
-  }
-
- private:
-  float* d_ = nullptr;
-  std::size_t n_;
+  float* get() const { return d; }
+  Floats host() const { return to_host(d, n); }
+  float* d;
+  std::size_t n;
 };
 
 // ---- Reference trees, written the direct way --------------------------------------------
@@ -85,11 +62,14 @@ Floats ref_sum8_pass(const Floats& x, unsigned B) {
   return out;
 }
 
-float ref_sum8(Floats x, unsigned B = 1024) {
-  do x = ref_sum8_pass(x, B);
+// Passes until one value is left.
+float ref_total(Floats x, Floats (*pass)(const Floats&, unsigned), unsigned B) {
+  do x = pass(x, B);
   while (x.size() > 1);
   return x[0];
 }
+
+float ref_sum8(const Floats& x, unsigned B = 1024) { return ref_total(x, ref_sum8_pass, B); }
 
 // One pass of the neighbours-first tree: s[2kt] += s[2kt + k] for k = 1, 2, 4, ...
 Floats ref_sum1_pass(const Floats& x, unsigned B) {
@@ -105,11 +85,7 @@ Floats ref_sum1_pass(const Floats& x, unsigned B) {
   return out;
 }
 
-float ref_sum1(Floats x, unsigned B = 1024) {
-  do x = ref_sum1_pass(x, B);
-  while (x.size() > 1);
-  return x[0];
-}
+float ref_sum1(const Floats& x, unsigned B = 1024) { return ref_total(x, ref_sum1_pass, B); }
 
 // What an in-place sum leaves behind: each pass writes its block sums over the head of the
 // array; the rest keeps what the earlier passes, or the caller, put there.
@@ -146,20 +122,14 @@ Floats products(const Floats& a, const Floats& b) {
 
 // ---- The main tree ----------------------------------------------------------------------
 
-TEST(TreeSum, SingleElementTurnsNegativeZeroPositive) {
-  DeviceArray neg_zero({-0.0f});
+TEST(TreeSum, SingleElementTurnsNegativeZeroPositiveUnlessInPlace) {
+  DeviceArray neg_zero({-0.0f}), two_neg_zeros({-0.0f, -0.0f}), value({-3.25f});
   EXPECT_SAME_FLOAT(0.0f, hcuda_fast_sum(neg_zero.get(), 1, 1024));
   // With one thread per block no fold follows the load: only the store's + 0.0 clears the sign.
   EXPECT_SAME_FLOAT(0.0f, hcuda_fast_sum(neg_zero.get(), 1, 1));
-  DeviceArray two_neg_zeros({-0.0f, -0.0f});
   EXPECT_SAME_FLOAT(0.0f, hcuda_fast_sum(two_neg_zeros.get(), 2, 1));
-  DeviceArray value({-3.25f});
   EXPECT_SAME_FLOAT(-3.25f, hcuda_fast_sum(value.get(), 1, 1024));
-}
-
-TEST(TreeSum, InPlaceSingleElementLaunchesNothing) {
-  // Nothing is summed, so not even the sign of zero changes.
-  DeviceArray neg_zero({-0.0f});
+  // In place, one element launches nothing, so not even the sign of zero changes.
   EXPECT_SAME_FLOAT(-0.0f, hcuda_fast_sum_inplace(neg_zero.get(), 1, 1024));
   EXPECT_SAME_FLOAT(-0.0f, neg_zero.host()[0]);
 }
@@ -175,24 +145,6 @@ TEST(TreeSum, FiveElementsFoldByFourTwoOne) {
   EXPECT_SAME_FLOAT(((r[0] + r[4]) + r[2]) + (r[1] + r[3]), hcuda_fast_sum(dr.get(), 5, 1024));
 }
 
-TEST(TreeSum, BlockEdgesMatchReference) {
-  for (std::size_t n : {1023, 1024, 1025, 2047, 2048, 2049, 4097}) {
-    const Floats x = mixed_values(n, static_cast<unsigned>(n));
-    DeviceArray d(x);
-    EXPECT_SAME_FLOAT(ref_sum8(x), hcuda_fast_sum(d.get(), n, 1024)) << "n = " << n;
-    EXPECT_EQ(d.host(), x) << "hcuda_fast_sum changed its input, n = " << n;
-  }
-}
-
-TEST(TreeSum, SecondBlockOfOneElementIsAddedLast) {
-  // n = 2049: block 0 sums elements 0 .. 2047, block 1 holds element 2048 alone, and the
-  // second pass adds the two block sums.
-  const Floats x = mixed_values(2049, 11);
-  const Floats head(x.begin(), x.begin() + 2048);
-  DeviceArray d(x);
-  EXPECT_SAME_FLOAT(x[2048] + ref_sum8(head), hcuda_fast_sum(d.get(), 2049, 1024));
-}
-
 TEST(TreeSum, ThreadZeroAlonePairsAcrossTheBlock) {
   // n = 1025: x[0] meets x[1024] before anything else. With 1e8 there, both 4.0 vanish one by
   // one (a tie rounds to the even 1e8); added to each other first, they would survive.
@@ -205,47 +157,39 @@ TEST(TreeSum, ThreadZeroAlonePairsAcrossTheBlock) {
   EXPECT_SAME_FLOAT(1.0e8f + 8.0f, (x[1024] + x[512]) + x[0]);
 }
 
-TEST(TreeSum, OnesSumExactly) {
-  const std::size_t n = std::size_t(1) << 20;
-  const Floats ones(n, 1.0f);
-  DeviceArray d(ones);
-  EXPECT_EQ(1048576.0f, hcuda_fast_sum(d.get(), n, 1024));
-  EXPECT_EQ(1048576.0f, hcuda_fast_sum1(d.get(), n, 1024));
-  EXPECT_EQ(1048576.0f, hcuda_fast_sum_npp(d.get(), n));
-  EXPECT_EQ(1048576.0f, hcuda_fast_sum_inplace(d.get(), n, 1024));
-}
-
 TEST(TreeSum, SmallValueSurvivesOrVanishesByTreePosition) {
-  // Ones on odd positions add up among themselves before they meet 1e8 at the last step.
-  Floats survive(2048, 0.0f);
-  survive[0] = 1.0e8f;
+  // Ones on odd positions add up among themselves before they meet 1e8 at the last step; ones
+  // paired with 1e8 (position 0 with 1024) or folded onto it early disappear. A left-to-right
+  // sum gets both the other way round. The neighbours-first tree loses the odd ones too: each
+  // meets a neighbour first and reaches 1e8 one or two at a time.
+  Floats survive(2048, 0.0f), vanish(2048, 0.0f);
+  survive[0] = vanish[1024] = 1.0e8f;
   for (int i = 1; i < 16; i += 2) survive[i] = 1.0f;
-  // Ones paired with 1e8 (position 0 with 1024) or folded onto it early disappear.
-  Floats vanish(2048, 0.0f);
-  vanish[1024] = 1.0e8f;
   for (int i = 0; i < 8; ++i) vanish[i] = 1.0f;
-
+  ASSERT_EQ(1.0e8f, sequential_sum(survive));
+  ASSERT_EQ(100000008.0f, sequential_sum(vanish));
   DeviceArray ds(survive), dv(vanish);
-  const float got_survive = hcuda_fast_sum(ds.get(), 2048, 1024);
-  const float got_vanish = hcuda_fast_sum(dv.get(), 2048, 1024);
-  EXPECT_SAME_FLOAT(ref_sum8(survive), got_survive);
-  EXPECT_SAME_FLOAT(ref_sum8(vanish), got_vanish);
-  EXPECT_EQ(100000008.0f, got_survive);
-  EXPECT_EQ(1.0e8f, got_vanish);
-  // A left-to-right sum gets both the other way round.
-  EXPECT_EQ(1.0e8f, sequential_sum(survive));
-  EXPECT_EQ(100000008.0f, sequential_sum(vanish));
+  EXPECT_EQ(100000008.0f, hcuda_fast_sum(ds.get(), 2048, 1024));
+  EXPECT_EQ(1.0e8f, hcuda_fast_sum(dv.get(), 2048, 1024));
+  EXPECT_EQ(1.0e8f, hcuda_fast_sum1(ds.get(), 1024, 1024));
 }
 
-TEST(TreeSum, AllVariantsAgreeWithReferenceForSeveralBlockSizes) {
+TEST(TreeSum, AllVariantsAgreeWithReferenceAtBlockEdgesForSeveralBlockSizes) {
+  // Sizes around the edges of blocks of 1024 threads (2048 elements) among them.
   for (unsigned block : {1024u, 256u, 32u, 2u, 1u}) {
-    for (std::size_t n : {1, 2, 3, 64, 65, 1000, 5000}) {
+    for (std::size_t n : {1, 2, 3, 64, 65, 1000, 1023, 1024, 1025, 2047, 2048, 2049, 4097, 5000}) {
       const Floats x = mixed_values(n, static_cast<unsigned>(n * 31 + block));
       const float expected = ref_sum8(x, block);
-      DeviceArray a(x), b(x), c(x), buf(Floats(n, 0.0f));
+      DeviceArray a(x), b(x), c(x);
       const int B = static_cast<int>(block);
       EXPECT_SAME_FLOAT(expected, hcuda_fast_sum(a.get(), n, B)) << "n " << n << " block " << block;
-      EXPECT_SAME_FLOAT(expected, hcuda_fast_sum8_buf(a.get(), n, B, buf.release())) << n << " " << block;
+      EXPECT_EQ(a.host(), x) << "hcuda_fast_sum changed its input";
+      // At 2049 the second block holds element 2048 alone; the second pass adds it last.
+      if (n == 2049 && block == 1024) {
+        EXPECT_SAME_FLOAT(x[2048] + ref_sum8(Floats(x.begin(), x.begin() + 2048)), hcuda_fast_sum(a.get(), n, B));
+      }
+      // The buffer is the callee's to free.
+      EXPECT_SAME_FLOAT(expected, hcuda_fast_sum8_buf(a.get(), n, B, to_device(Floats(n, 0.0f)))) << n << " " << block;
       if (n > 1) {
         EXPECT_SAME_FLOAT(expected, hcuda_fast_sum8_inplace2(b.get(), n, B)) << n << " " << block;
         EXPECT_SAME_FLOAT(expected, hcuda_fast_sum8_inplace1(c.get(), n, B)) << n << " " << block;
@@ -262,11 +206,8 @@ TEST(TreeSum, InPlacePassesOverManyBlocksReadBeforeTheyWrite) {
   EXPECT_SAME_FLOAT(ref_sum8(x, 4), hcuda_fast_sum_inplace(d.get(), x.size(), 4));
   EXPECT_SAME_FLOAT(ref_sum8(x, 4), hcuda_fast_sum8_inplace1(e.get(), x.size(), 4));
   const Floats expected = ref_inplace_contents(x, 4);
-  const Floats after = d.host(), after1 = e.host();
-  for (std::size_t i = 0; i < x.size(); ++i) {
-    ASSERT_EQ(bits(expected[i]), bits(after[i])) << "element " << i;
-    ASSERT_EQ(bits(expected[i]), bits(after1[i])) << "element " << i;
-  }
+  EXPECT_EQ(0, std::memcmp(expected.data(), d.host().data(), x.size() * sizeof(float)));
+  EXPECT_EQ(0, std::memcmp(expected.data(), e.host().data(), x.size() * sizeof(float)));
 }
 
 TEST(TreeSum, LargeArrayTakesThreePasses) {
@@ -275,6 +216,7 @@ TEST(TreeSum, LargeArrayTakesThreePasses) {
   const float expected = ref_sum8(x);
   DeviceArray d(x);
   EXPECT_SAME_FLOAT(expected, hcuda_fast_sum(d.get(), n, 1024));
+  EXPECT_SAME_FLOAT(ref_sum1(x), hcuda_fast_sum1(d.get(), n, 1024));
   EXPECT_SAME_FLOAT(expected, hcuda_fast_sum_inplace(d.get(), n, 1024));
 }
 
@@ -288,21 +230,10 @@ TEST(TreeSum, BlockSizeMustBeAPowerOfTwoUpTo1024) {
 
 // ---- Neighbours first -------------------------------------------------------------------
 
-TEST(NeighboursFirstSum, PairsNeighboursBeforeHalves) {
-  const Floats x = {1.0e8f, 5.0f, 3.0f, 5.0f};
-  DeviceArray d(x);
-  EXPECT_SAME_FLOAT((x[3] + x[2]) + (x[1] + x[0]), hcuda_fast_sum1(d.get(), 4, 4));
-  // Ones on odd positions each meet a neighbour first, so they reach 1e8 one or two at a
-  // time and vanish, where the halving tree gathers them first.
-  Floats odd(1024, 0.0f);
-  odd[0] = 1.0e8f;
-  for (int i = 1; i < 16; i += 2) odd[i] = 1.0f;
-  DeviceArray o(odd);
-  EXPECT_EQ(1.0e8f, hcuda_fast_sum1(o.get(), odd.size(), 1024));
-  EXPECT_EQ(100000008.0f, hcuda_fast_sum(o.get(), odd.size(), 1024));
-}
-
-TEST(NeighboursFirstSum, MatchesReference) {
+TEST(NeighboursFirstSum, PairsNeighboursBeforeHalvesAndMatchesReference) {
+  const Floats four = {1.0e8f, 5.0f, 3.0f, 5.0f};
+  DeviceArray d(four);
+  EXPECT_SAME_FLOAT((four[3] + four[2]) + (four[1] + four[0]), hcuda_fast_sum1(d.get(), 4, 4));
   for (unsigned block : {1024u, 64u, 2u}) {
     for (std::size_t n : {1, 2, 1023, 1025, 3000}) {
       const Floats x = mixed_values(n, static_cast<unsigned>(n + block));
@@ -323,22 +254,26 @@ TEST(NeighboursFirstSum, OnePassWritesBlockSums) {
   hcuda_reduce_data_for_sum1(in.get(), out.get(), x.size(), 256);
   hcuda_reduce_data_for_sum1_inplace(inplace.get(), x.size(), 256);
   const Floats got = out.host(), got_inplace = inplace.host();
-  for (std::size_t b = 0; b < expected.size(); ++b) {
-    EXPECT_SAME_FLOAT(expected[b], got[b]);
-    EXPECT_SAME_FLOAT(expected[b], got_inplace[b]);
-  }
+  EXPECT_EQ(0, std::memcmp(expected.data(), got.data(), expected.size() * sizeof(float)));
+  EXPECT_EQ(0, std::memcmp(expected.data(), got_inplace.data(), expected.size() * sizeof(float)));
   EXPECT_EQ(-7.0f, got[expected.size()]);
   EXPECT_EQ(x[expected.size()], got_inplace[expected.size()]);
 }
 
 // ---- Dot products and the library sum ---------------------------------------------------
 
-TEST(DotProduct, MultipliesThenSumsWithBlocksOf1024) {
+TEST(DotProduct, MultipliesThenSumsWithBlocksOf1024AndTheLibrarySumAddsAll) {
   const Floats a = mixed_values(5000, 1), b = mixed_values(5000, 2);
   DeviceArray da(a), db(b);
   // The block argument is ignored: the sum runs with 1024 whatever is asked.
   EXPECT_SAME_FLOAT(ref_sum8(products(a, b)), hcuda_fast_dot_inplace(da.get(), db.get(), a.size(), 64));
   EXPECT_EQ(db.host(), b);
+  // The library sum: all elements, none for n = 0.
+  Floats x(100000);
+  for (std::size_t i = 0; i < x.size(); ++i) x[i] = static_cast<float>(i % 100);
+  DeviceArray d(x);
+  EXPECT_EQ(4950000.0f, hcuda_fast_sum_npp(d.get(), x.size()));
+  EXPECT_EQ(0.0f, hcuda_fast_sum_npp(d.get(), 0));
 }
 
 TEST(DotProduct, FusedTreePassFoldsProductsIntoPairs) {
@@ -359,14 +294,6 @@ TEST(DotProduct, FusedTreePassFoldsProductsIntoPairs) {
   EXPECT_SAME_FLOAT(ref_sum8_pass(tail, 1024)[0], got[1]);
 }
 
-TEST(LibrarySum, AddsAllElements) {
-  Floats x(100000);
-  for (std::size_t i = 0; i < x.size(); ++i) x[i] = static_cast<float>(i % 100);
-  DeviceArray d(x);
-  EXPECT_EQ(4950000.0f, hcuda_fast_sum_npp(d.get(), x.size()));
-  EXPECT_EQ(0.0f, hcuda_fast_sum_npp(d.get(), 0));
-}
-
 // ---- Derived statistics -----------------------------------------------------------------
 
 class DerivedStats : public testing::Test {
@@ -381,59 +308,45 @@ class DerivedStats : public testing::Test {
   Floats x, m;
 };
 
-TEST_F(DerivedStats, SumsFollowTheElementStepThenTheTree) {
+TEST_F(DerivedStats, SumsFollowTheElementStepThenTheTreeAndDeviationsUseTheTreeMean) {
   DeviceArray dx(x), dm(m);
   const std::size_t n = x.size();
-  Floats sq(n), sqm(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    sq[i] = x[i] * x[i];
-    sqm[i] = (x[i] * x[i]) * m[i];
-  }
   const float sum = ref_sum8(x), wsum = ref_sum8(products(x, m)), msum = ref_sum8(m);
-  EXPECT_SAME_FLOAT(sum / static_cast<float>(n), hcuda_fast_mean(dx.get(), n));
-  EXPECT_SAME_FLOAT(wsum, hcuda_fast_sum_withmask(dx.get(), dm.get(), n));
-  EXPECT_SAME_FLOAT(wsum / msum, hcuda_mean_withmask(dx.get(), dm.get(), n));
-  EXPECT_SAME_FLOAT(ref_sum8(sq), hcuda_fast_sumsqr(dx.get(), n));
-  EXPECT_SAME_FLOAT(ref_sum8(sqm), hcuda_fast_sumsqr_withmask(dx.get(), dm.get(), n));
-  EXPECT_EQ(dx.host(), x);
-  EXPECT_EQ(dm.host(), m);
-}
-
-TEST_F(DerivedStats, DeviationsUseTheTreeMean) {
-  DeviceArray dx(x), dm(m);
-  const std::size_t n = x.size();
-  const float mean = ref_sum8(x) / static_cast<float>(n);
-  const float wmean = ref_sum8(products(x, m)) / ref_sum8(m);
-  Floats dev(n), wdev(n);
+  const float mean = sum / static_cast<float>(n), wmean = wsum / msum;
+  Floats sq(n), sqm(n), dev(n), wdev(n);
   for (std::size_t i = 0; i < n; ++i) {
     const float d = x[i] - mean, w = x[i] - wmean;
+    sq[i] = x[i] * x[i];
+    sqm[i] = (x[i] * x[i]) * m[i];
     dev[i] = d * d;
     wdev[i] = m[i] * (w * w);
   }
   const float s = ref_sum8(dev), ws = ref_sum8(wdev);
+  EXPECT_SAME_FLOAT(mean, hcuda_fast_mean(dx.get(), n));
+  EXPECT_SAME_FLOAT(wsum, hcuda_fast_sum_withmask(dx.get(), dm.get(), n));
+  EXPECT_SAME_FLOAT(wmean, hcuda_mean_withmask(dx.get(), dm.get(), n));
+  EXPECT_SAME_FLOAT(ref_sum8(sq), hcuda_fast_sumsqr(dx.get(), n));
+  EXPECT_SAME_FLOAT(ref_sum8(sqm), hcuda_fast_sumsqr_withmask(dx.get(), dm.get(), n));
   EXPECT_SAME_FLOAT(s, hcuda_fast_submean_sumsqr(dx.get(), n));
   EXPECT_SAME_FLOAT(s / static_cast<float>(n), hcuda_variance(dx.get(), n));
   EXPECT_SAME_FLOAT(std::sqrt(s / static_cast<float>(n)), hcuda_stdv(dx.get(), n));
   EXPECT_SAME_FLOAT(ws, hcuda_fast_submean_sumsqr_withmask(dx.get(), dm.get(), n));
   EXPECT_SAME_FLOAT(ws / static_cast<float>(n), hcuda_variance_withmask(dx.get(), dm.get(), n));
-  EXPECT_SAME_FLOAT(std::sqrt(ws / ref_sum8(m)), hcuda_stdv_withmask(dx.get(), dm.get(), n));
+  EXPECT_SAME_FLOAT(std::sqrt(ws / msum), hcuda_stdv_withmask(dx.get(), dm.get(), n));
+  EXPECT_EQ(dx.host(), x);
+  EXPECT_EQ(dm.host(), m);
 }
 
 TEST(DerivedStatsEdge, SumsqrInPlaceLeavesBlockSumsAtTheHeadAndSquaresBehind) {
   const Floats x = mixed_values(5000, 8);
   Floats sq(x.size());
   for (std::size_t i = 0; i < x.size(); ++i) sq[i] = x[i] * x[i];
-  const Floats pass1 = ref_sum8_pass(sq, 1024);  // three block sums
-  ASSERT_EQ(pass1.size(), 3u);
+  ASSERT_EQ(ref_sum8_pass(sq, 1024).size(), 3u);
   DeviceArray d(x);
   EXPECT_SAME_FLOAT(ref_sum8(sq), hcuda_fast_sumsqr_inplace(d.get(), x.size()));
-  const Floats after = d.host();
-  EXPECT_SAME_FLOAT(ref_sum8(sq), after[0]);
-  EXPECT_SAME_FLOAT(pass1[1], after[1]);
-  EXPECT_SAME_FLOAT(pass1[2], after[2]);
+  // Element 0 the total, 1 and 2 the other block sums of the first pass, then the squares.
   const Floats expected = ref_inplace_contents(sq, 1024);
-  for (std::size_t i = 3; i < x.size(); ++i) ASSERT_EQ(bits(sq[i]), bits(after[i])) << "element " << i;
-  for (std::size_t i = 0; i < x.size(); ++i) ASSERT_EQ(bits(expected[i]), bits(after[i])) << "element " << i;
+  EXPECT_EQ(0, std::memcmp(expected.data(), d.host().data(), x.size() * sizeof(float)));
 }
 
 TEST(DerivedStatsEdge, HalfMaskVarianceIsHalfTheSquaredMaskedDeviation) {
@@ -448,12 +361,6 @@ TEST(DerivedStatsEdge, HalfMaskVarianceIsHalfTheSquaredMaskedDeviation) {
   const float stdv = hcuda_stdv_withmask(dx.get(), dm.get(), n);
   EXPECT_EQ(3.0f, stdv);
   EXPECT_EQ(0.5f * stdv * stdv, hcuda_variance_withmask(dx.get(), dm.get(), n));
-
-  // The same relation up to rounding on values of every kind.
-  const Floats r = mixed_values(n, 17);
-  DeviceArray dr(r);
-  const float s = hcuda_stdv_withmask(dr.get(), dm.get(), n);
-  EXPECT_NEAR(0.5f * s * s, hcuda_variance_withmask(dr.get(), dm.get(), n), 1e-5f * s * s);
 }
 
 // ---- Normalisations ---------------------------------------------------------------------
@@ -472,13 +379,6 @@ TEST_F(DerivedStats, ZNormUsesTreeMeanAndFusedRescale) {
   hcuda_znorm_inplace(d.get(), n, 2.0f, 0.5f);
   const Floats got = d.host();
   for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(bits(std::fmaf(centred[i], scale, 0.5f)), bits(got[i])) << i;
-  double sum = 0, sum2 = 0;
-  for (float v : got) {
-    sum += v;
-    sum2 += (v - 0.5) * (v - 0.5);
-  }
-  EXPECT_NEAR(0.5, sum / n, 1e-5);
-  EXPECT_NEAR(2.0, std::sqrt(sum2 / n), 1e-4);
 }
 
 TEST_F(DerivedStats, MaskedNormStatisticsComeFromTheMaskAndApplyToAll) {
@@ -490,17 +390,8 @@ TEST_F(DerivedStats, MaskedNormStatisticsComeFromTheMaskAndApplyToAll) {
   const float scale = 1.0f / std::sqrt(ref_sum8(dev) / weight);
   DeviceArray d(x), dm(m);
   hcuda_norm_withmask_inplace(d.get(), dm.get(), n, 1.0f, 0.0f);
-  const Floats got = d.host();
-  double wsum = 0, wsum2 = 0, masked_out = 0;
-  for (std::size_t i = 0; i < n; ++i) {
-    ASSERT_EQ(bits(std::fmaf(x[i] - mean, scale, 0.0f)), bits(got[i])) << i;
-    wsum += m[i] * got[i];
-    wsum2 += m[i] * got[i] * got[i];
-    if (m[i] == 0.0f) masked_out += std::fabs(got[i]);
-  }
-  EXPECT_NEAR(0.0, wsum / weight, 1e-5);
-  EXPECT_NEAR(1.0, wsum2 / weight, 1e-4);
-  EXPECT_GT(masked_out, 0.0) << "marked pixels are rescaled, not cleared";
+  const Floats got = d.host();  // every pixel is rescaled, the unmarked ones too
+  for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(bits(std::fmaf(x[i] - mean, scale, 0.0f)), bits(got[i])) << i;
 }
 
 TEST(DerivedStatsEdge, EmptyMaskGivesNoFiniteValue) {

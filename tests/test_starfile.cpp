@@ -1,12 +1,11 @@
-// STAR heads, the label index, row positioning and row reading, on hand-made and
-// RELION-written tables and on malformed input.
+// STAR heads, the label index, row positioning and row reading, on hand-made and sample
+// tables and on malformed input.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -18,7 +17,8 @@
 
 namespace {
 
-const std::string kRelion = std::string(PICKORA_TESTDATA_DIR) + "/relion/";
+const std::string kSamples = std::string(PICKORA_TESTDATA_DIR) + "/relion/";
+using Rows = std::vector<std::vector<std::string>>;
 
 struct FreeDeleter {
   void operator()(void* p) const { std::free(p); }
@@ -43,8 +43,8 @@ ParticleInfoIndex index_of(const StarHead& head) {
 }
 
 // The rows that star_read_row accepts from row 0, each as its tokens.
-std::vector<std::vector<std::string>> read_rows(FILE* fp, int column_count) {
-  std::vector<std::vector<std::string>> rows;
+Rows read_rows(FILE* fp, int column_count) {
+  Rows rows;
   char line[PICKORA_LINE_LEN];
   char* tokens[PICKORA_LINE_LEN / 2];
   star_set_pointer(fp, 0);
@@ -54,13 +54,13 @@ std::vector<std::vector<std::string>> read_rows(FILE* fp, int column_count) {
   return rows;
 }
 
-std::vector<std::vector<std::string>> read_rows_of(const std::string& path) {
+Rows read_rows_of(const std::string& path) {
   FILE* fp = std::fopen(path.c_str(), "r");
   EXPECT_NE(fp, nullptr) << path;
   if (fp == nullptr) return {};
   HeadPtr head(star_head_new());
   star_read_head(fp, head.get());
-  auto rows = read_rows(fp, head->column_count);
+  Rows rows = read_rows(fp, head->column_count);
   std::fclose(fp);
   return rows;
 }
@@ -74,50 +74,43 @@ std::string line_at(FILE* fp) {
 
 TEST(StarKeywords, TableContent) {
   int rows = 0, dimensionality = 0;
-  while (STAR_HEAD_KEYWORDS[rows][0] != '\0') {
-    if (std::strcmp(STAR_HEAD_KEYWORDS[rows], "_rlnDataDimensionality") == 0) ++dimensionality;
-    ++rows;
-  }
+  for (; STAR_HEAD_KEYWORDS[rows][0] != '\0'; ++rows)
+    dimensionality += std::strcmp(STAR_HEAD_KEYWORDS[rows], "_rlnDataDimensionality") == 0;
   EXPECT_EQ(rows, STAR_HEAD_KEYWORD_COUNT);
   EXPECT_EQ(rows, 228);
   EXPECT_EQ(dimensionality, 2);
   EXPECT_STREQ(STAR_HEAD_KEYWORDS[0], "_rlnComment");
   EXPECT_STREQ(STAR_HEAD_KEYWORDS[227], "_rlnSpectralIndex");
-  EXPECT_EQ(is_star_head_keyword("_rlnCoordinateX"), 1);
-  EXPECT_EQ(is_star_head_keyword("_rlnMicrographId"), 1);
-  EXPECT_EQ(is_star_head_keyword("_rlncoordinatex"), 0);
-  EXPECT_EQ(is_star_head_keyword("_rlnCoordinate"), 0);
-  EXPECT_EQ(is_star_head_keyword("_rlnOpticsGroup"), 0);
-  EXPECT_EQ(is_star_head_keyword(""), 0);
+  for (const char* yes : {"_rlnCoordinateX", "_rlnMicrographId"}) EXPECT_EQ(is_star_head_keyword(yes), 1) << yes;
+  for (const char* no : {"_rlncoordinatex", "_rlnCoordinate", "_rlnOpticsGroup", ""})
+    EXPECT_EQ(is_star_head_keyword(no), 0) << no;
   EXPECT_EQ(is_star_head_keyword(nullptr), 0);
 }
 
 TEST(StarIndex, EveryLabelHasItsOwnField) {
-  const char* labels[] = {"_rlnBfactor", "_rlnMicrographName", "_rlnImageName", "_rlnCoordinateX",
-                          "_rlnCoordinateY", "_rlnVoltage", "_rlnPhaseShift", "_rlnDefocusU", "_rlnDefocusV",
-                          "_rlnDefocusAngle", "_rlnSphericalAberration", "_rlnDetectorPixelSize",
-                          "_rlnMagnification", "_rlnAmplitudeContrast", "_rlnCtfFigureOfMerit",
-                          "_rlnCtfMaxResolution", "_rlnClassNumber", "_rlnGroupNumber", "_rlnRandomSubset",
-                          "_rlnNormCorrection", "_rlnOriginX", "_rlnOriginY", "_rlnAngleRot", "_rlnAngleTilt",
-                          "_rlnAnglePsi", "_rlnLogLikeliContribution", "_rlnNrOfSignificantSamples",
-                          "_rlnMaxValueProbDistribution", "_rlnAutopickFigureOfMerit"};
+  const char* labels[] = {
+      "_rlnBfactor", "_rlnMicrographName", "_rlnImageName", "_rlnCoordinateX", "_rlnCoordinateY", "_rlnVoltage",
+      "_rlnPhaseShift", "_rlnDefocusU", "_rlnDefocusV", "_rlnDefocusAngle", "_rlnSphericalAberration",
+      "_rlnDetectorPixelSize", "_rlnMagnification", "_rlnAmplitudeContrast", "_rlnCtfFigureOfMerit",
+      "_rlnCtfMaxResolution", "_rlnClassNumber", "_rlnGroupNumber", "_rlnRandomSubset", "_rlnNormCorrection",
+      "_rlnOriginX", "_rlnOriginY", "_rlnAngleRot", "_rlnAngleTilt", "_rlnAnglePsi", "_rlnLogLikeliContribution",
+      "_rlnNrOfSignificantSamples", "_rlnMaxValueProbDistribution", "_rlnAutopickFigureOfMerit"};
+  const int field_count = sizeof(ParticleInfoIndex) / sizeof(int);
   std::unique_ptr<ParticleInfoIndex, FreeDeleter> index(particle_info_index_new());
   const int* fields = reinterpret_cast<const int*>(index.get());
-  for (size_t i = 0; i < sizeof(ParticleInfoIndex) / sizeof(int); ++i) ASSERT_EQ(fields[i], 0);
+  EXPECT_EQ(std::vector<int>(fields, fields + field_count), std::vector<int>(field_count, 0));
   int number = 1;
   for (const char* label : labels) set_info_index_from_keyword_number(label, number++, index.get());
-  number = 1;
-  for (const char* label : labels) {
-    EXPECT_EQ(get_info_index_from_keyword(label, index.get()), number) << label;
-    EXPECT_EQ(fields[number - 1], number) << label;  // the fields stand in the order of the list
-    ++number;
+  for (int i = 0; i < number - 1; ++i) {
+    EXPECT_EQ(get_info_index_from_keyword(labels[i], index.get()), i + 1) << labels[i];
+    EXPECT_EQ(fields[i], i + 1) << labels[i];  // the fields stand in the order of the list
   }
   EXPECT_EQ(index->coordinate_x, 4);
   EXPECT_EQ(index->autopick_figure_of_merit, 29);
   set_info_index_from_keyword_number("_rlnMicrographId", 77, index.get());  // in the table, not in the index
   set_info_index_from_keyword_number("_rlnUnknown", 77, index.get());
   EXPECT_EQ(get_info_index_from_keyword("_rlnMicrographId", index.get()), 0);
-  for (size_t i = 0; i < sizeof(ParticleInfoIndex) / sizeof(int); ++i) ASSERT_NE(fields[i], 77);
+  for (int i = 0; i < field_count; ++i) ASSERT_NE(fields[i], 77);
   particle_info_index_init(index.get());
   EXPECT_EQ(index->autopick_figure_of_merit, 0);
 }
@@ -146,10 +139,8 @@ TEST(StarHeadParse, ColumnNumbersComeFromTheFile) {
   EXPECT_STREQ(head->column_label[0], "_rlnMicrographId");  // in the table, not in the index: an entry only
   EXPECT_EQ(head->column_number[0], 4);
   const ParticleInfoIndex index = index_of(*head);
-  EXPECT_EQ(index.coordinate_x, 3);
-  EXPECT_EQ(index.coordinate_y, 1);
-  EXPECT_EQ(index.angle_psi, 2);
-  EXPECT_EQ(index.class_number, 0);
+  EXPECT_EQ(std::vector<int>({index.coordinate_x, index.coordinate_y, index.angle_psi, index.class_number}),
+            std::vector<int>({3, 1, 2, 0}));
 }
 
 TEST(StarHeadParse, MissingFileIsFatal) {
@@ -161,7 +152,7 @@ TEST(StarHeadParse, MissingFileIsFatal) {
   std::free(head);
 }
 
-TEST(StarPointer, RowsAreCountedFromZero) {
+TEST(StarPointer, RowsAreCountedFromZeroAcrossBlocks) {
   TempFile f("\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n10 20\n\n30 40\n# note\n50 60\n");
   FILE* fp = std::fopen(f.path.c_str(), "r");
   star_set_pointer(fp, 0);
@@ -176,6 +167,14 @@ TEST(StarPointer, RowsAreCountedFromZero) {
   EXPECT_EQ(get_lineN_from_star(fp), 3);
   std::fclose(fp);
   EXPECT_EQ(get_lineN_from_starf(f.path.c_str()), 3);
+
+  // The rows of a second block count on from the first.
+  TempFile g("data_a\nloop_\n_rlnCoordinateX #1\n1\n2\ndata_b\nloop_\n_rlnCoordinateX #1\n3\n");
+  fp = std::fopen(g.path.c_str(), "r");
+  star_set_pointer(fp, 2);
+  EXPECT_EQ(line_at(fp), "3\n");
+  EXPECT_EQ(read_rows(fp, 1).size(), 3u);
+  std::fclose(fp);
 }
 
 TEST(StarPointer, HeadOnlyFileEndsAtTheEnd) {
@@ -191,96 +190,69 @@ TEST(StarPointer, HeadOnlyFileEndsAtTheEnd) {
   }
 }
 
-TEST(StarPointer, SecondBlockRowsCountOn) {
-  TempFile f("data_a\nloop_\n_rlnCoordinateX #1\n1\n2\ndata_b\nloop_\n_rlnCoordinateX #1\n3\n");
-  FILE* fp = std::fopen(f.path.c_str(), "r");
-  star_set_pointer(fp, 2);
-  EXPECT_EQ(line_at(fp), "3\n");
-  EXPECT_EQ(read_rows(fp, 1).size(), 3u);
-  std::fclose(fp);
-}
-
 TEST(StarRows, WidthRuleAndFields) {
   TempFile f(
       "data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
       "1 2 3\n4 5\n6 7 8 9\n  \nNONE\n10\t11\t12\r\n");
-  const auto rows = read_rows_of(f.path);
-  ASSERT_EQ(rows.size(), 3u);  // the short row is passed over, the long one cut to the width
-  EXPECT_EQ(rows[1], (std::vector<std::string>{"6", "7", "8"}));
-  EXPECT_EQ(rows[2][2], "12");
-  char a[] = "a", b[] = "b";
-  char* tokens[] = {a, b};
-  EXPECT_STREQ(star_row_field(tokens, 2, 2), "b");
-  EXPECT_EQ(star_row_field(tokens, 2, 0), nullptr);
-  EXPECT_EQ(star_row_field(tokens, 2, 3), nullptr);
-  EXPECT_EQ(star_row_field(tokens, 2, -1), nullptr);
-}
-
-TEST(StarRows, NoColumnsReadsNothing) {
-  TempFile f("1 2 3\n4 5 6\n");
+  // The short row is passed over, the long one cut to the width.
+  EXPECT_EQ(read_rows_of(f.path), (Rows{{"1", "2", "3"}, {"6", "7", "8"}, {"10", "11", "12"}}));
   FILE* fp = std::fopen(f.path.c_str(), "r");
-  EXPECT_EQ(read_rows(fp, 0).size(), 0u);
+  EXPECT_EQ(read_rows(fp, 0).size(), 0u);  // no columns, no rows
   std::fclose(fp);
+  char a[] = "a", b[] = "b", c[] = "c";
+  char* tokens[] = {a, b, c};  // a row of two: the third token lies past its end
+  EXPECT_STREQ(star_row_field(tokens, 2, 2), "b");
+  for (int column : {0, 3, -1}) EXPECT_EQ(star_row_field(tokens, 2, column), nullptr) << column;
 }
 
-TEST(StarSuffix, Star) {
+TEST(StarWords, SuffixAndHeadWords) {
   EXPECT_EQ(get_starf_suffixn(".star"), 5);
   EXPECT_EQ(get_starf_suffixn("mic_pickora.star"), 5);
-  EXPECT_EQ(get_starf_suffixn("mic.STAR"), 0);
-  EXPECT_EQ(get_starf_suffixn("mic.star.bak"), 0);
-  EXPECT_EQ(get_starf_suffixn("star"), 0);
-}
+  for (const char* name : {"mic.STAR", "mic.star.bak", "star"}) EXPECT_EQ(get_starf_suffixn(name), 0) << name;
 
-TEST(StarWords, HeadWords) {
-  char label[] = "_rlnCoordinateX", hash[] = "#1", value[] = "12", data[] = "data_optics", loop[] = "loop_",
-       comment[] = "#", unknown[] = "_rlnOpticsGroup";
-  char* w1[] = {label, hash};
-  char* w3[] = {label, hash, value};
-  char* wd[] = {data, value, value};
-  char* wl[] = {loop};
-  char* wc[] = {comment, value, value};
-  char* wu[] = {unknown, hash};
-  char* wv[] = {value, value};
+  const struct {
+    std::vector<std::string> words;
+    int want;
+  } cases[] = {
+      {{"_rlnCoordinateX", "#1"}, 1}, {{"_rlnCoordinateX"}, 1},   {{"_rlnCoordinateX", "#1", "12"}, 0},
+      {{"data_optics", "12", "12"}, 1}, {{"loop_"}, 1},           {{"#", "12", "12"}, 1},
+      {{"_rlnOpticsGroup", "#1"}, 0}, {{"12", "12"}, 0},
+  };
   EXPECT_EQ(is_words_starhead(nullptr, 0), 1);
-  EXPECT_EQ(is_words_starhead(w1, 2), 1);
-  EXPECT_EQ(is_words_starhead(w1, 1), 1);
-  EXPECT_EQ(is_words_starhead(w3, 3), 0);
-  EXPECT_EQ(is_words_starhead(wd, 3), 1);
-  EXPECT_EQ(is_words_starhead(wl, 1), 1);
-  EXPECT_EQ(is_words_starhead(wc, 3), 1);
-  EXPECT_EQ(is_words_starhead(wu, 2), 0);
-  EXPECT_EQ(is_words_starhead(wv, 2), 0);
+  for (const auto& c : cases) {
+    std::vector<std::string> copy = c.words;
+    std::vector<char*> words;
+    for (auto& w : copy) words.push_back(&w[0]);
+    EXPECT_EQ(is_words_starhead(words.data(), static_cast<int>(words.size())), c.want) << c.words[0];
+  }
 }
 
-TEST(RelionFiles, AutopickCoordinates) {
-  const std::string path = kRelion + "autopick_coords.star";
+TEST(SampleFiles, AutopickCoordinates) {
+  const std::string path = kSamples + "autopick_coords.star";
   auto head = read_head(path);
   ASSERT_EQ(head->column_count, 5);
   const ParticleInfoIndex index = index_of(*head);
-  EXPECT_EQ(index.coordinate_x, 1);
-  EXPECT_EQ(index.coordinate_y, 2);
-  EXPECT_EQ(index.class_number, 3);
-  EXPECT_EQ(index.autopick_figure_of_merit, 4);
-  EXPECT_EQ(index.angle_psi, 5);
+  EXPECT_EQ(std::vector<int>({index.coordinate_x, index.coordinate_y, index.class_number,
+                              index.autopick_figure_of_merit, index.angle_psi}),
+            std::vector<int>({1, 2, 3, 4, 5}));
   EXPECT_EQ(get_lineN_from_starf(path.c_str()), 13);
-  const auto rows = read_rows_of(path);
+  const Rows rows = read_rows_of(path);
   ASSERT_EQ(rows.size(), 13u);
   EXPECT_EQ(rows[0], (std::vector<std::string>{"872.000000", "256.000000", "5", "0.756319", "200.000000"}));
   EXPECT_EQ(rows[12][0], "632.000000");
   EXPECT_EQ(rows[12][4], "300.000000");
 }
 
-TEST(RelionFiles, SummaryMicrographNames) {
-  const std::string path = kRelion + "autopick_summary.star";
+TEST(SampleFiles, SummaryMicrographNames) {
+  const std::string path = kSamples + "autopick_summary.star";
   ParticleInfoIndex index;
   set_info_index_from_starf(path.c_str(), &index);
   EXPECT_EQ(index.micrograph_name, 1);
   EXPECT_EQ(index.autopick_figure_of_merit, 2);
-  StarHead* head = star_head_new();
-  starf_read_head_info_index(path.c_str(), head, &index);
+  HeadPtr head(star_head_new());
+  starf_read_head_info_index(path.c_str(), head.get(), &index);
   EXPECT_EQ(head->column_count, 3);  // _rlnGroupNrParticles: in the table, not in the index
   EXPECT_STREQ(head->column_label[2], "_rlnGroupNrParticles");
-  std::free(head);
   char** names = get_all_micrographs_from_ctfstar(path.c_str());
   ASSERT_NE(names, nullptr);
   for (int i = 0; i < 8; ++i) EXPECT_EQ(std::string(names[i]), "micrographs/mic_00" + std::to_string(i) + ".mrc");
@@ -288,12 +260,11 @@ TEST(RelionFiles, SummaryMicrographNames) {
   free2d(names);
 }
 
-TEST(RelionFiles, OpticsBlockFirstEndsTheHeadAtItsLabels) {
+TEST(SampleFiles, OpticsBlockFirstEndsTheHeadAtItsLabels) {
   // _rlnOpticsGroupName is not a label of the table, so the head ends at the first loop's first
   // label and no column is known: the micrograph block behind it is not reached.
-  const std::string path = kRelion + "micrographs_optics.star";
-  auto head = read_head(path);
-  EXPECT_EQ(head->column_count, 0);
+  const std::string path = kSamples + "micrographs_optics.star";
+  EXPECT_EQ(read_head(path)->column_count, 0);
   EXPECT_EQ(read_rows_of(path).size(), 0u);
   char** names = get_all_micrographs_from_ctfstar(path.c_str());
   ASSERT_NE(names, nullptr);
@@ -314,7 +285,7 @@ TEST(StarWriter, HeadAndRowsReadBack) {
   auto head = read_head(f.path);
   ASSERT_EQ(head->column_count, 14);
   const ParticleInfoIndex index = index_of(*head);
-  const auto rows = read_rows_of(f.path);
+  const Rows rows = read_rows_of(f.path);
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0][index.defocus_u - 1], "21552.919922");
   EXPECT_EQ(rows[0][index.defocus_v - 1], "21161.509766");
@@ -327,10 +298,12 @@ TEST(StarMalformed, TruncatedFiles) {
   const std::string full = "data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n10 20\n30 40\n";
   for (size_t cut = 0; cut <= full.size(); ++cut) {
     TempFile f(full.substr(0, cut), ".star");
-    auto head = read_head(f.path);
-    EXPECT_LE(head->column_count, 2);
+    EXPECT_LE(read_head(f.path)->column_count, 2);
     EXPECT_LE(read_rows_of(f.path).size(), 2u);
     EXPECT_LE(get_lineN_from_starf(f.path.c_str()), 2);
+    char** names = get_all_micrographs_from_ctfstar(f.path.c_str());
+    ASSERT_NE(names, nullptr);
+    free2d(names);
   }
 }
 
@@ -339,17 +312,13 @@ TEST(StarMalformed, NumberBehindHash) {
       "_rlnCoordinateX #\n_rlnCoordinateY #abc\n_rlnAnglePsi #-4\n"
       "_rlnClassNumber #99999999999999999999\n_rlnVoltage #7x\n1 2 3 4 5\n");
   ASSERT_EQ(head->column_count, 5);
-  EXPECT_EQ(head->column_number[0], 0);
-  EXPECT_EQ(head->column_number[1], 0);
-  EXPECT_EQ(head->column_number[2], -4);
-  EXPECT_EQ(head->column_number[3], 2147483647);
-  EXPECT_EQ(head->column_number[4], 7);
+  EXPECT_EQ(std::vector<int>(head->column_number, head->column_number + 5),
+            std::vector<int>({0, 0, -4, 2147483647, 7}));
   const ParticleInfoIndex index = index_of(*head);
   char one[] = "1";
   char* tokens[5] = {one, one, one, one, one};
-  EXPECT_EQ(star_row_field(tokens, 5, index.angle_psi), nullptr);
-  EXPECT_EQ(star_row_field(tokens, 5, index.class_number), nullptr);
-  EXPECT_EQ(star_row_field(tokens, 5, index.voltage), nullptr);
+  for (int column : {index.angle_psi, index.class_number, index.voltage})
+    EXPECT_EQ(star_row_field(tokens, 5, column), nullptr) << column;
 }
 
 TEST(StarMalformed, VeryLongLinesAreOneLineAndNoRow) {
@@ -359,9 +328,8 @@ TEST(StarMalformed, VeryLongLinesAreOneLineAndNoRow) {
   TempFile f("data_\nloop_\n_rlnCoordinateX #1 " + std::string(3000, ' ') + "junk\n_rlnCoordinateY #2\n" + wide +
                  "\n1 2\n" + wide + "\n" + exact + " 9\n3 4\n" + exact + "\n",
              ".star");
-  auto head = read_head(f.path);
-  EXPECT_EQ(head->column_count, 2);
-  EXPECT_EQ(read_rows_of(f.path), (std::vector<std::vector<std::string>>{{"1", "2"}, {"3", "4"}}));
+  EXPECT_EQ(read_head(f.path)->column_count, 2);
+  EXPECT_EQ(read_rows_of(f.path), (Rows{{"1", "2"}, {"3", "4"}}));
   FILE* fp = std::fopen(f.path.c_str(), "r");
   EXPECT_EQ(get_lineN_from_star(fp), 6);
   star_set_pointer(fp, 1);
@@ -374,13 +342,12 @@ TEST(StarMalformed, VeryLongLinesAreOneLineAndNoRow) {
 }
 
 TEST(StarMalformed, ThousandsOfColumnsStopAtTheLineLimit) {
-  std::string text = "data_\nloop_\n";
-  for (int i = 1; i <= 3000; ++i)
+  std::string text = "data_\nloop_\n", row;
+  for (int i = 1; i <= 3000; ++i) {
     text += std::string(STAR_HEAD_KEYWORDS[i % STAR_HEAD_KEYWORD_COUNT]) + " #" + std::to_string(i) + "\n";
-  std::string row;
-  for (int i = 0; i < 3000; ++i) row += "1 ";
-  text += row + "\n";
-  TempFile f(text, ".star");
+    row += "1 ";
+  }
+  TempFile f(text + row + "\n", ".star");
   auto head = read_head(f.path);
   EXPECT_EQ(head->column_count, STAR_HEAD_MAX_LINES - 2);  // data_ and loop_ take two of the 512 lines
   EXPECT_EQ(head->column_number[head->column_count - 1], STAR_HEAD_MAX_LINES - 2);
@@ -391,24 +358,6 @@ TEST(StarMalformed, ThousandsOfColumnsStopAtTheLineLimit) {
   char** names = get_all_micrographs_from_ctfstar(f.path.c_str());
   ASSERT_NE(names, nullptr);
   free2d(names);
-}
-
-TEST(StarMalformed, BinaryGarbage) {
-  std::mt19937 random(12345);
-  for (int trial = 0; trial < 50; ++trial) {
-    std::string bytes(4096 + trial * 37, '\0');
-    for (char& c : bytes) c = static_cast<char>(random() & 0xff);
-    if (trial % 2 == 1) bytes = "data_\nloop_\n_rlnCoordinateX #1\n_rlnMicrographName #2\n" + bytes;
-    TempFile f(bytes, ".star");
-    auto head = read_head(f.path);
-    ASSERT_LE(head->column_count, STAR_HEAD_MAX_LINES);
-    for (int i = 0; i < head->column_count; ++i) ASSERT_EQ(is_star_head_keyword(head->column_label[i]), 1);
-    read_rows_of(f.path);
-    get_lineN_from_starf(f.path.c_str());
-    char** names = get_all_micrographs_from_ctfstar(f.path.c_str());
-    ASSERT_NE(names, nullptr);
-    free2d(names);
-  }
 }
 
 }  // namespace

@@ -21,6 +21,8 @@ extern "C" size_t strlcpy(char* dst, const char* src, size_t size) noexcept;
 
 namespace {
 
+std::vector<std::string> first_tokens(char** tokens, int n) { return std::vector<std::string>(tokens, tokens + n); }
+
 TEST(Strlcpy, TwoArgumentFormClearsCopiesAndNeverOverflows) {
   std::vector<char> dst(PICKORA_NAME_LEN + 16, 'g');
   static_assert(std::is_same<decltype(strlcpy(dst.data(), "a")), int>::value, "the two-argument overload is chosen");
@@ -33,35 +35,27 @@ TEST(Strlcpy, TwoArgumentFormClearsCopiesAndNeverOverflows) {
   for (int i = PICKORA_NAME_LEN; i < PICKORA_NAME_LEN + 16; ++i) ASSERT_EQ(dst[i], 'g');
 }
 
-TEST(Keywords, DashesAndCase) {
-  EXPECT_EQ(keywd_cmp("--BOXSIZE", "boxsize"), 1);
-  EXPECT_EQ(keywd_cmp("-BoxSize", "boxsize"), 1);
-  EXPECT_EQ(keywd_cmp("---boxsize", "boxsize"), 0);
-  EXPECT_EQ(keywd_cmp("boxsize", "boxsize"), 0);
-  EXPECT_EQ(keywd_cmp("--boxsize2", "boxsize"), 0);
-  EXPECT_EQ(keywd_cmp("--box", "boxsize"), 0);
+TEST(Words, KeywordsNullNamesAndNumbers) {
+  // One or two dashes, any case, the whole word.
+  for (const char* k : {"--BOXSIZE", "-BoxSize"}) EXPECT_EQ(keywd_cmp(k, "boxsize"), 1) << k;
+  for (const char* k : {"---boxsize", "-xboxsize", "boxsize", "--boxsize2", "--box"})
+    EXPECT_EQ(keywd_cmp(k, "boxsize"), 0) << k;
   EXPECT_EQ(keywd_cmp(nullptr, "boxsize"), 0);
   for (const char* h : {"-h", "--h", "-help", "--HELP", "-Help"}) EXPECT_EQ(is_keywd_help(h), 1) << h;
   for (const char* h : {"h", "help", "---help", "--helps", "-hel"}) EXPECT_EQ(is_keywd_help(h), 0) << h;
-}
 
-TEST(Words, NullNames) {
   for (const char* s : {"none", "NONE", "Null", "NULL", "", "\n", "\nabc"}) EXPECT_EQ(is_str_null(s), 1) << s;
   EXPECT_EQ(is_str_null(nullptr), 1);
   for (const char* s : {" ", "NULLS", "a.mrc", "NULL\n", " none"}) EXPECT_EQ(is_str_null(s), 0) << s;
-}
 
-TEST(Words, FloatNumbers) {
   for (const char* s : {"-.5", "+", "-", "", "12", "3.25", "+7.", ".0"}) EXPECT_EQ(is_float_number(s), 1) << s;
   for (const char* s : {"1e3", "1.2.3", "--1", "+-1", " 1", "1 ", "abc", "0x10", "nan"})
     EXPECT_EQ(is_float_number(s), 0) << s;
 }
 
 TEST(FileNames, SuffixLengthAndReplacement) {
-  EXPECT_EQ(get_file_suffixn(".mrc", ".mrc"), 0);
   EXPECT_EQ(get_file_suffixn("a.mrc", ".mrc"), 4);
-  EXPECT_EQ(get_file_suffixn("a.mrcs", ".mrc"), 0);
-  EXPECT_EQ(get_file_suffixn("a.MRC", ".mrc"), 0);
+  for (const char* name : {".mrc", "a.mrcs", "a.MRC"}) EXPECT_EQ(get_file_suffixn(name, ".mrc"), 0) << name;
   char dst[PICKORA_NAME_LEN];
   std::memset(dst, 'x', sizeof dst);
   EXPECT_EQ(replace_file_suffix(dst, "_pickora.box", "dir/mic_001.mrc", ".mrc"), 0);
@@ -74,38 +68,31 @@ TEST(FileNames, SuffixLengthAndReplacement) {
   strlcpy(dst, "run/ctf.star");
   replace_file_suffix(dst, ".star", dst, ".star");  // in place
   EXPECT_STREQ(dst, "run/ctf.star");
-  const std::string long_name(1100, 'n');
-  replace_file_suffix(dst, ".box", long_name.c_str(), ".mrc");
+  replace_file_suffix(dst, ".box", std::string(1100, 'n').c_str(), ".mrc");
   EXPECT_EQ(std::strlen(dst), 1023u);
 }
 
-TEST(Split, LimitAndRunsOfSeparators) {
-  char line[] = "  1 2\t3  4 5 6 7 8\n";
+TEST(Split, InPlaceAndCopyingForms) {
   char* tokens[16];
-  EXPECT_EQ(strnsplit_inplace_byspace(tokens, line, 7), 7);
-  EXPECT_STREQ(tokens[0], "1");
-  EXPECT_STREQ(tokens[6], "7");
-  char line2[] = "a,,b,c,";
+  char line[] = "  1 2\t3  4 5 6 7 8\n", line2[] = "a,,b,c,", line3[] = "x y", blank[] = " \t\r\v\f\n";
+  EXPECT_EQ(strnsplit_inplace_byspace(tokens, line, 7), 7);  // the limit, and runs of separators
+  EXPECT_EQ(first_tokens(tokens, 7), (std::vector<std::string>{"1", "2", "3", "4", "5", "6", "7"}));
   EXPECT_EQ(strnsplit_inplace(tokens, line2, ",", 8), 3);
-  EXPECT_STREQ(tokens[1], "b");
-  char line3[] = "x y";
+  EXPECT_EQ(first_tokens(tokens, 3), (std::vector<std::string>{"a", "b", "c"}));
   EXPECT_EQ(strnsplit_inplace(tokens, line3, " ", 0), 0);
   EXPECT_EQ(strnsplit_inplace(tokens, line3, " ", -3), 0);
   EXPECT_EQ(strsplit_inplace(tokens, line3, ""), 0);
   EXPECT_EQ(strsplit_inplace(tokens, nullptr, " "), 0);
-  char blank[] = " \t\r\v\f\n";
   EXPECT_EQ(strsplit_inplace_byspace(tokens, blank), 0);
-}
 
-TEST(Split, CopiesLeaveTheSourceAndOutliveTheCall) {
+  // The copying forms leave the source alone, and their tokens outlive later calls.
   const std::string src = "mic_1.mrc 12 34";
-  char* tokens[8];
   EXPECT_EQ(strsplit_byspace(tokens, src.c_str()), 3);
   EXPECT_EQ(src, "mic_1.mrc 12 34");
   char* first[8];
   EXPECT_EQ(strsplit(first, "a:b", ":"), 2);
   EXPECT_EQ(strnsplit(tokens, "c:d:e", ":", 2), 2);
-  EXPECT_STREQ(first[1], "b");  // still valid after later splits
+  EXPECT_STREQ(first[1], "b");
   EXPECT_STREQ(tokens[1], "d");
   EXPECT_EQ(strnsplit_byspace(tokens, "p q r", 2), 2);
   EXPECT_EQ(strsplit(tokens, "", ":"), 0);
@@ -124,52 +111,47 @@ TEST(Split, MissingDestination) {
   EXPECT_EXIT(strnsplit_byspace(nullptr, "a b", 2), testing::ExitedWithCode(1), "");
 }
 
-TEST(Lines, LongLineIsReadInPieces) {
-  const std::string first(1500, 'a');
-  TempFile f(first + "\nsecond\n");
+TEST(Lines, LongLinesAreReadInPiecesOrCut) {
+  const std::string exact(1023, 'e');
+  TempFile f(std::string(1500, 'a') + "\nsecond\n" + exact + "\nlast");
   FILE* fp = std::fopen(f.path.c_str(), "r");
   char line[PICKORA_LINE_LEN];
   EXPECT_EQ(read_one_line(line, fp), 0);
-  EXPECT_EQ(std::strlen(line), 1023u);
+  EXPECT_EQ(std::string(line), std::string(1023, 'a'));
   read_one_line(line, fp);
   EXPECT_EQ(std::string(line), std::string(477, 'a') + "\n");
   read_one_line(line, fp);
   EXPECT_STREQ(line, "second\n");
-  std::memset(line, 'z', sizeof line);
-  EXPECT_EQ(read_one_line(line, fp), 0);  // end of file: empty line
-  for (char c : line) ASSERT_EQ(c, '\0');
-  EXPECT_EQ(next_text_line(line, fp), 0);
-  std::fclose(fp);
-}
 
-TEST(Lines, WholeLineDropsTheRestOfALongLine) {
-  const std::string exact(1023, 'e');
-  TempFile f(std::string(1500, 'a') + "\n" + exact + "\nlast");
-  FILE* fp = std::fopen(f.path.c_str(), "r");
-  char line[PICKORA_LINE_LEN];
+  // The whole-line form drops the rest of a long line and says so.
+  std::rewind(fp);
   bool cut = false;
   EXPECT_EQ(read_whole_line(line, fp, &cut), 1);
   EXPECT_TRUE(cut);
   EXPECT_EQ(std::string(line), std::string(1023, 'a'));
   EXPECT_EQ(read_whole_line(line, fp, &cut), 1);
   EXPECT_FALSE(cut);
-  EXPECT_EQ(std::string(line), exact);
+  EXPECT_STREQ(line, "second\n");
+  EXPECT_EQ(read_whole_line(line, fp, &cut), 1);
+  EXPECT_FALSE(cut);
+  EXPECT_EQ(std::string(line), exact);  // exactly fills the buffer: still whole
   EXPECT_EQ(read_whole_line(line, fp, nullptr), 1);
   EXPECT_STREQ(line, "last");
   EXPECT_EQ(read_whole_line(line, fp, &cut), 0);
   EXPECT_FALSE(cut);
+  std::memset(line, 'z', sizeof line);
+  EXPECT_EQ(read_one_line(line, fp), 0);  // end of file: an empty line
+  for (char c : line) ASSERT_EQ(c, '\0');
+  EXPECT_EQ(next_text_line(line, fp), 0);
   std::fclose(fp);
-}
 
-TEST(Lines, LongBufferForm) {
-  const std::string body(12000, 'b');
-  TempFile f(body);
-  FILE* fp = std::fopen(f.path.c_str(), "r");
-  std::vector<char> line(PICKORA_LLINE_LEN, 'q');
-  read_one_lline(line.data(), fp);
-  EXPECT_EQ(std::strlen(line.data()), 10239u);
-  read_one_lline(line.data(), fp);
-  EXPECT_EQ(std::strlen(line.data()), 12000u - 10239u);
+  TempFile g(std::string(12000, 'b'));
+  fp = std::fopen(g.path.c_str(), "r");
+  std::vector<char> lline(PICKORA_LLINE_LEN, 'q');
+  read_one_lline(lline.data(), fp);
+  EXPECT_EQ(std::strlen(lline.data()), 10239u);
+  read_one_lline(lline.data(), fp);
+  EXPECT_EQ(std::strlen(lline.data()), 12000u - 10239u);
   std::fclose(fp);
 }
 
@@ -178,18 +160,13 @@ TEST(Lines, NumbersFromALine) {
   FILE* fp = std::fopen(f.path.c_str(), "r");
   float out[5] = {-1, -1, -1, -1, -1};
   EXPECT_EQ(read_one_line_to_f32(out, 3, fp), 0);
-  EXPECT_EQ(out[0], 1.5f);
-  EXPECT_EQ(out[1], -2.0f);
-  EXPECT_EQ(out[2], 300.0f);
-  EXPECT_EQ(out[3], -1.0f);  // beyond the limit: untouched
+  EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{1.5f, -2, 300, -1}));  // beyond n: untouched
   EXPECT_EQ(read_one_line_to_f32(out, 5, fp), 0);
-  EXPECT_EQ(out[0], 4.0f);
-  EXPECT_EQ(out[1], 5.0f);
-  EXPECT_EQ(out[2], 300.0f);  // fewer tokens than asked: the rest left alone
+  EXPECT_EQ(std::vector<float>(out, out + 3), (std::vector<float>{4, 5, 300}));  // fewer tokens: the rest stays
   testing::internal::CaptureStdout();
   EXPECT_EQ(read_one_line_to_f32_strict(out, 2, fp), -1);
-  const std::string said = testing::internal::GetCapturedStdout();
-  EXPECT_NE(said.find("Number of line columns must be at least the data points!"), std::string::npos);
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("Number of line columns must be at least the data points!"),
+            std::string::npos);
   EXPECT_EQ(out[0], 4.0f);
   EXPECT_EQ(read_one_line_to_f32_strict(out, 2, fp), 0);  // a longer line counts as n
   EXPECT_EQ(out[1], 2.0f);
@@ -212,20 +189,17 @@ TEST(Search, OffsetOfMatchingLine) {
   EXPECT_EQ(f_Nfind_str_line(f.path.c_str(), "gamma", 3), 4);
   EXPECT_EQ(f_Nfind_str_line(f.path.c_str(), "gamma", 2), -1);
   EXPECT_EQ(f_Nfind_str_line(f.path.c_str(), "alpha", 0), 1);
-}
-
-TEST(Search, MissingFileIsFatal) {
   EXPECT_EXIT_REPORT(f_Nfind_str_line("/nonexistent/x.log", "a", 3),
                      "Cannot open file /nonexistent/x.log. Permission denied or wrong file name.\n.*"
                      "Error in function f_Nfind_str_line\\(\\), file src/txt_file on line [0-9]+: "
                      "open file '/nonexistent/x.log' failed.! Exit now!");
 }
 
-TEST(Arrays, TwoDimensionalLayout) {
+TEST(Arrays, TwoAndThreeDimensionalLayouts) {
   const int rows = 3, cols = 5;
   double** a = reinterpret_cast<double**>(malloc2d(rows, cols, sizeof(double)));
   ASSERT_NE(a, nullptr);
-  const char* data = reinterpret_cast<const char*>(a + rows);
+  const char* data = reinterpret_cast<const char*>(a + rows);  // the row pointers, then the data
   for (int i = 0; i < rows; ++i) EXPECT_EQ(reinterpret_cast<const char*>(a[i]), data + i * cols * sizeof(double));
   std::vector<double> flat(rows * cols), back(rows * cols);
   for (int i = 0; i < rows * cols; ++i) flat[i] = i * 1.5;
@@ -234,32 +208,29 @@ TEST(Arrays, TwoDimensionalLayout) {
   EXPECT_EQ(memcpy_2d_to_1d(back.data(), a, rows, cols, sizeof(double)), 0);
   EXPECT_EQ(back, flat);
   EXPECT_EQ(empty2d_array(a, rows, cols, sizeof(double)), 0);
-  for (int i = 0; i < rows; ++i)
-    for (int j = 0; j < cols; ++j) EXPECT_EQ(a[i][j], 0.0);
+  EXPECT_EQ(std::vector<double>(a[0], a[0] + rows * cols), std::vector<double>(rows * cols, 0.0));
   free2d(a);
   char** names = strmalloc2d(4, PICKORA_NAME_LEN);
   ASSERT_NE(names, nullptr);
   EXPECT_EQ(names[3] - names[0], 3 * PICKORA_NAME_LEN);
   free2d(names);
-}
 
-TEST(Arrays, ThreeDimensionalLayout) {
   const int n0 = 2, n1 = 3, n2 = 4;
-  float*** a = reinterpret_cast<float***>(malloc3d(n0, n1, n2, sizeof(float)));
-  ASSERT_NE(a, nullptr);
-  float** row_pointers = reinterpret_cast<float**>(a + n0);
-  const float* data = reinterpret_cast<const float*>(row_pointers + n0 * n1);
+  float*** b = reinterpret_cast<float***>(malloc3d(n0, n1, n2, sizeof(float)));
+  ASSERT_NE(b, nullptr);
+  float** row_pointers = reinterpret_cast<float**>(b + n0);  // plane pointers, row pointers, data
+  const float* values = reinterpret_cast<const float*>(row_pointers + n0 * n1);
   for (int i = 0; i < n0; ++i) {
-    EXPECT_EQ(a[i], row_pointers + i * n1);
-    for (int j = 0; j < n1; ++j) EXPECT_EQ(a[i][j], data + (i * n1 + j) * n2);
+    EXPECT_EQ(b[i], row_pointers + i * n1);
+    for (int j = 0; j < n1; ++j) EXPECT_EQ(b[i][j], values + (i * n1 + j) * n2);
   }
-  std::vector<float> flat(n0 * n1 * n2), back(flat.size());
-  for (size_t i = 0; i < flat.size(); ++i) flat[i] = static_cast<float>(i);
-  EXPECT_EQ(memcpy_1d_to_3d(a, flat.data(), n0, n1, n2, sizeof(float)), 0);
-  EXPECT_EQ(a[1][2][3], flat[(1 * n1 + 2) * n2 + 3]);
-  EXPECT_EQ(memcpy_3d_to_1d(back.data(), a, n0, n1, n2, sizeof(float)), 0);
-  EXPECT_EQ(back, flat);
-  free3d(a);
+  std::vector<float> flat3(n0 * n1 * n2), back3(flat3.size());
+  for (size_t i = 0; i < flat3.size(); ++i) flat3[i] = static_cast<float>(i);
+  EXPECT_EQ(memcpy_1d_to_3d(b, flat3.data(), n0, n1, n2, sizeof(float)), 0);
+  EXPECT_EQ(b[1][2][3], flat3[(1 * n1 + 2) * n2 + 3]);
+  EXPECT_EQ(memcpy_3d_to_1d(back3.data(), b, n0, n1, n2, sizeof(float)), 0);
+  EXPECT_EQ(back3, flat3);
+  free3d(b);
 }
 
 TEST(Arrays, BadSizesGiveNullWithMessage) {
@@ -270,11 +241,9 @@ TEST(Arrays, BadSizesGiveNullWithMessage) {
   EXPECT_EQ(malloc2d(1 << 20, 1 << 20, 1 << 20), nullptr);
   EXPECT_EQ(malloc2d(1, 0x7fffffff, 1), nullptr);  // the row pointer pushes it to 2 GiB
   EXPECT_EQ(strmalloc2d(-3, 1024), nullptr);
-  const std::string said2d = testing::internal::GetCapturedStdout();
-  const std::string line = "Function 'malloc()' error in 'malloc2d()' ! Not enough memory!\n";
   std::string expected;
-  for (int i = 0; i < 6; ++i) expected += line;
-  EXPECT_EQ(said2d, expected);
+  for (int i = 0; i < 6; ++i) expected += "Function 'malloc()' error in 'malloc2d()' ! Not enough memory!\n";
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), expected);
   testing::internal::CaptureStdout();
   EXPECT_EQ(malloc3d(2, -2, 2, 4), nullptr);
   EXPECT_EQ(malloc3d(2048, 2048, 2048, 4), nullptr);
