@@ -76,3 +76,18 @@ foreach(dir IN LISTS PICKORA_TOOL_DIRS)
     endif()
   endif()
 endforeach()
+
+# pickora-view writes PNG pictures through libpng, and its test reads them back with it. The
+# test targets are made later, in tests/, so linking them waits for the end of this directory.
+if(TARGET pickora-view)
+  find_package(PNG REQUIRED)
+  target_link_libraries(pickora-view PRIVATE PNG::PNG)
+  function(pickora_link_png_to_view_tests)
+    foreach(test_target IN ITEMS test_view test_view-cuda)
+      if(TARGET ${test_target})
+        target_link_libraries(${test_target} PRIVATE PNG::PNG)
+      endif()
+    endforeach()
+  endfunction()
+  cmake_language(DEFER CALL pickora_link_png_to_view_tests)
+endif()
