@@ -37,7 +37,7 @@ logged "$out/simulate.log" "$bin/pickora-simulate" --out "$out/data" --n "$count
 step "pick: pickora --apixM $apix --apixT $apix_t --diameter $diameter --T templates.mrcs --write_ccmax_z 1"
 pick_start=$(date +%s.%N)
 (cd "$out" && logged pickora.log "$bin/pickora" --apixM "$apix" --apixT "$apix_t" --diameter "$diameter" \
-  --T data/templates.mrcs --write_ccmax_z 1 data/mic_*.mrc)
+  --T data/templates.mrcs --write_ccmax_z 1 data/mic_????.mrc)
 pick_seconds=$(seconds_since "$pick_start")
 
 step "score against the truth"
@@ -55,17 +55,18 @@ done
 
 score=$(grep '^score:' "$out/score.txt")
 value() { sed -n "s/.* $1=\([^ ]*\).*/\1/p" <<<"$score"; }
+per_mic=$(awk -v t="$pick_seconds" -v n="$count" 'BEGIN { printf "%.1f", t / n }')
 cat <<EOF
 
 == summary
-micrographs       $(value micrographs), $size x $size at $apix A/pixel, particles of $diameter A, templates at $apix_t A/pixel
-picks             $(value picks) for $(value truth) true particles: $(value tp) found, $(value fp) false, $(value fn) missed
+micrographs       $(value micrographs) of $size x $size at $apix A/pixel, particles of $diameter A
+picks             $(value picks) for $(value truth) particles: $(value tp) found, $(value fp) false, $(value fn) missed
 precision         $(value precision)
 recall            $(value recall)
 F1                $(value f1)
 in contamination  $(value in_contamination) of the picks lie inside an ice or carbon area
 psi within 10 deg $(value psi_fraction) of the found particles
-picking time      $(awk -v t="$pick_seconds" -v n="$count" 'BEGIN { printf "%.1f", t / n }') s per micrograph ($pick_seconds s for $count, $(nproc) CPU cores)
+picking time      $per_mic s per micrograph ($pick_seconds s for $count on $(nproc) CPU cores)
 outputs           $out/data/: mic_NNNN_pickora.star and .box (picks), _rejected.box (ice and carbon cells),
                   _ccmaxZ.mrc (best correlation, shrunk), _truth.star and _areas.txt (the simulation)
 logs              $out/build.log $out/simulate.log $out/pickora.log $out/score.txt

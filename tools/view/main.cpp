@@ -144,8 +144,8 @@ Picture micrograph_panel(const Micrograph& m, int factor) {
 
 double line_width(const Picture& p) { return std::fmax(1.0, std::round(std::fmax(p.width, p.height) / 400.0)); }
 
-// The first panel pixel whose centre lies at or after coordinate a.
-int first_centre_from(double a) { return static_cast<int>(std::ceil(a - 0.5)); }
+// The first panel pixel whose centre lies at or after coordinate a, held to 0 .. hi.
+int first_centre_from(double a, int hi) { return static_cast<int>(std::clamp(std::ceil(a - 0.5), 0.0, double(hi))); }
 
 // Shades every panel pixel whose centre lies in one of the boxes; overlapping boxes tint once.
 int shade_rejected(Picture& p, const std::string& path, PanelScale sc) {
@@ -153,10 +153,10 @@ int shade_rejected(Picture& p, const std::string& path, PanelScale sc) {
   const std::vector<PTCL_BOX> boxes = read_boxes(path);
   std::vector<bool> mask(static_cast<size_t>(p.width) * p.height, false);
   for (const PTCL_BOX& b : boxes) {
-    const int x0 = std::max(0, first_centre_from(b.x * sc.s));
-    const int x1 = std::min(p.width, first_centre_from((b.x + b.w) * sc.s));
-    const int y0 = std::max(0, first_centre_from(b.y * sc.s));
-    const int y1 = std::min(p.height, first_centre_from((b.y + b.h) * sc.s));
+    const int x0 = first_centre_from(b.x * sc.s, p.width);
+    const int x1 = first_centre_from((b.x + double(b.w)) * sc.s, p.width);
+    const int y0 = first_centre_from(b.y * sc.s, p.height);
+    const int y1 = first_centre_from((b.y + double(b.h)) * sc.s, p.height);
     for (int y = y0; y < y1; ++y)
       for (int x = x0; x < x1; ++x) mask[static_cast<size_t>(y) * p.width + x] = true;
   }
@@ -214,20 +214,21 @@ int main(int argc, char** argv) {
   const PanelScale sc{1.0 / factor};
   const double radius_px = o.picks.empty() ? 0 : pick_radius_px(o, m);
   Picture picture = micrograph_panel(m, factor);
-  std::printf("%s: %d x %d, reduced by %d", o.micrograph.c_str(), m.nx, m.ny, factor);
-  if (!o.rejected.empty()) std::printf(", %d rejected cells", shade_rejected(picture, o.rejected, sc));
+  std::string drawn;
+  if (!o.rejected.empty()) drawn += ", " + std::to_string(shade_rejected(picture, o.rejected, sc)) + " rejected cells";
   std::vector<ContaminationArea> areas;
   if (!o.areas.empty()) {
     read_contamination_areas(o.areas.c_str(), areas);
     outline_areas(picture, areas, sc);
-    std::printf(", %zu contamination areas", areas.size());
+    drawn += ", " + std::to_string(areas.size()) + " contamination areas";
   }
-  if (!o.picks.empty()) std::printf(", %d picks", circle_picks(picture, o.picks, sc, radius_px, areas));
+  if (!o.picks.empty()) drawn += ", " + std::to_string(circle_picks(picture, o.picks, sc, radius_px, areas)) + " picks";
   if (!o.ccmap.empty()) {
     const int gap = std::max(4, picture.width / 100);
     picture = side_by_side(picture, map_panel(o.ccmap, picture.height), gap, kGapColour);
   }
   write_png(o.out.c_str(), picture);
-  std::printf(" -> %s (%d x %d)\n", o.out.c_str(), picture.width, picture.height);
+  std::printf("%s: %d x %d, reduced by %d%s -> %s (%d x %d)\n", o.micrograph.c_str(), m.nx, m.ny, factor,
+              drawn.c_str(), o.out.c_str(), picture.width, picture.height);
   return 0;
 }

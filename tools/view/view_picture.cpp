@@ -93,12 +93,15 @@ Picture map_picture(const FloatImage& im, float lo, float hi, Colour colour) {
   return p;
 }
 
+// floor(v) held to 0 .. hi, so that any value (far off the picture, NaN) gives an index.
+int pixel_index(double v, int hi) { return v > 0 ? static_cast<int>(std::fmin(std::floor(v), hi)) : 0; }
+
 // Calls paint(px, py) for every pixel of the box [x0, x1] x [y0, y1] that lies in the picture.
 template <typename Paint>
 void for_pixels_in(const Picture& p, double x0, double y0, double x1, double y1, Paint paint) {
-  const int ix0 = std::max(0, static_cast<int>(std::floor(x0))), iy0 = std::max(0, static_cast<int>(std::floor(y0)));
-  const int ix1 = std::min(p.width - 1, static_cast<int>(std::ceil(x1)));
-  const int iy1 = std::min(p.height - 1, static_cast<int>(std::ceil(y1)));
+  if (!(x1 >= 0 && y1 >= 0)) return;
+  const int ix0 = pixel_index(x0, p.width), ix1 = pixel_index(x1, p.width - 1);
+  const int iy0 = pixel_index(y0, p.height), iy1 = pixel_index(y1, p.height - 1);
   for (int y = iy0; y <= iy1; ++y)
     for (int x = ix0; x <= ix1; ++x) paint(x, y);
 }
