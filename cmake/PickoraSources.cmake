@@ -76,3 +76,9 @@ foreach(dir IN LISTS PICKORA_TOOL_DIRS)
     endif()
   endif()
 endforeach()
+
+# pickora-view writes PNG pictures through libpng (its test reads them back, see tests/).
+if(TARGET pickora-view)
+  find_package(PNG REQUIRED)
+  target_link_libraries(pickora-view PRIVATE PNG::PNG)
+endif()

@@ -1,0 +1,145 @@
+// pickora-view, run as an executable on a tiny micrograph with one pick and one rejected cell:
+// the picture's size, the circle on its ring and not at its centre, the shaded cell, the map
+// panel beside it, and clear failures for missing inputs.
+#include <gtest/gtest.h>
+#include <png.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mrcfile/mrcfile.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+constexpr int kNx = 64, kNy = 48;
+constexpr int kPickX = 20, kPickY = 24, kRadius = 8;  // micrograph pixels
+constexpr int kCellX = 40, kCellY = 8, kCellSide = 16;
+
+std::string view_tool() { return std::string(PICKORA_BIN_DIR) + "/pickora-view"; }
+
+int run(const std::string& command, std::string& output) {
+  output.clear();
+  std::FILE* p = popen((command + " 2>&1").c_str(), "r");
+  if (p == nullptr) return -1;
+  char buf[4096];
+  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) output.append(buf, n);
+  const int status = pclose(p);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+struct Png {
+  int width = 0, height = 0;
+  std::vector<unsigned char> rgb;
+  const unsigned char* at(int x, int y) const { return &rgb[(static_cast<size_t>(y) * width + x) * 3]; }
+};
+
+bool read_png(const std::string& path, Png& out) {
+  png_image image;
+  std::memset(&image, 0, sizeof image);
+  image.version = PNG_IMAGE_VERSION;
+  if (png_image_begin_read_from_file(&image, path.c_str()) == 0) return false;
+  image.format = PNG_FORMAT_RGB;
+  out.width = static_cast<int>(image.width);
+  out.height = static_cast<int>(image.height);
+  out.rgb.resize(PNG_IMAGE_SIZE(image));
+  return png_image_finish_read(&image, nullptr, out.rgb.data(), 0, nullptr) != 0;
+}
+
+bool is_grey(const unsigned char* c) { return c[0] == c[1] && c[1] == c[2]; }
+
+class ViewTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(access(view_tool().c_str(), X_OK), 0) << "build the target pickora-view first";
+    // A gradient, so that the contrast stretch has a range and every plain pixel is grey.
+    std::vector<float> mic(kNx * kNy);
+    for (int y = 0; y < kNy; ++y)
+      for (int x = 0; x < kNx; ++x) mic[y * kNx + x] = static_cast<float>(x + y);
+    mrcf_write_xyz_data(dir.file("mic.mrc").c_str(), mic.data(), kNx, kNy, 1);
+    write_file_text(dir.file("mic_pickora.star"), "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n" +
+                                                      std::to_string(kPickX) + " " + std::to_string(kPickY) + "\n");
+    write_file_text(dir.file("mic_rejected.box"), std::to_string(kCellX) + " " + std::to_string(kCellY) + " " +
+                                                      std::to_string(kCellSide) + " " + std::to_string(kCellSide) +
+                                                      "\t0.5\t2.0\n");
+  }
+
+  // Runs the tool on the micrograph with the pick and the cell; fails the test on error.
+  Png render(const std::string& options) {
+    std::string out;
+    const std::string png = dir.file("mic.png");
+    EXPECT_EQ(run(view_tool() + " " + dir.file("mic.mrc") + " --picks " + dir.file("mic_pickora.star") +
+                      " --rejected " + dir.file("mic_rejected.box") + " --radius_px " + std::to_string(kRadius) +
+                      " --out " + png + " " + options,
+                  out),
+              0)
+        << out;
+    Png p;
+    EXPECT_TRUE(read_png(png, p)) << "no readable PNG at " << png;
+    return p;
+  }
+
+  TempDir dir;
+};
+
+// At full size and reduced by two: the picture's size, a pixel on the circle coloured green,
+// the pick's own pixel left grey, the rejected cell tinted red and a plain pixel grey.
+TEST_F(ViewTest, OverlaysLandOnTheirPixelsAtEveryReduction) {
+  struct Case {
+    const char* max_size;
+    int factor;
+  };
+  for (const Case c : {Case{"1024", 1}, Case{"32", 2}}) {
+    SCOPED_TRACE(std::string("--max_size ") + c.max_size);
+    const Png p = render(std::string("--max_size ") + c.max_size);
+    ASSERT_EQ(p.width, kNx / c.factor);
+    ASSERT_EQ(p.height, kNy / c.factor);
+    const int f = c.factor;
+    const unsigned char* ring = p.at((2 * (kPickX + kRadius) + 1) / (2 * f), (2 * kPickY + 1) / (2 * f));
+    EXPECT_GT(ring[1], ring[0] + 100);
+    EXPECT_GT(ring[1], ring[2] + 100);
+    EXPECT_TRUE(is_grey(p.at(kPickX / f, kPickY / f)));
+    const unsigned char* shaded = p.at((kCellX + kCellSide / 2) / f, (kCellY + kCellSide / 2) / f);
+    EXPECT_GT(shaded[0], shaded[1] + 20);
+    EXPECT_EQ(shaded[1], shaded[2]);
+    EXPECT_TRUE(is_grey(p.at((kCellX + kCellSide / 2) / f, (kCellY + kCellSide + 4) / f)));
+    EXPECT_TRUE(is_grey(p.at(60 / f, 40 / f)));
+  }
+}
+
+// A 16 x 12 map with one peak goes to the right of the micrograph at its height (four times
+// larger), and the peak is the brightest thing there.
+TEST_F(ViewTest, MapPanelBesideAtTheSameHeight) {
+  std::vector<float> map(16 * 12);
+  for (int i = 0; i < 16 * 12; ++i) map[i] = 0.01f * static_cast<float>(i % 16);
+  map[3 * 16 + 4] = 10.0f;
+  mrcf_write_xyz_data(dir.file("mic_ccmaxZ.mrc").c_str(), map.data(), 16, 12, 1);
+  const Png p = render("--ccmap " + dir.file("mic_ccmaxZ.mrc"));
+  ASSERT_EQ(p.height, kNy);
+  ASSERT_GT(p.width, kNx + 64);
+  const int panel_x = p.width - 64;
+  const unsigned char* peak = p.at(panel_x + 4 * 4 + 2, 3 * 4 + 2);
+  const unsigned char* plain = p.at(panel_x + 8 * 4 + 2, 8 * 4 + 2);
+  for (int k = 0; k < 3; ++k) EXPECT_EQ(peak[k], 255);
+  EXPECT_LT(plain[0] + plain[1] + plain[2], 3 * 200);
+}
+
+TEST_F(ViewTest, MissingInputsFailWithAClearMessage) {
+  struct Case {
+    std::string options, message;
+  };
+  const std::string mic = dir.file("mic.mrc");
+  for (const Case& c : {Case{mic + " --picks " + dir.file("mic_pickora.star"), "--diameter"},
+                        Case{mic + " --rejected " + dir.file("mic_pickora.star"), ".box"},
+                        Case{"--picks " + dir.file("mic_pickora.star"), "no micrograph"}}) {
+    std::string out;
+    EXPECT_NE(run(view_tool() + " " + c.options + " --out " + dir.file("x.png"), out), 0) << c.options;
+    EXPECT_NE(out.find(c.message), std::string::npos) << out;
+  }
+}
+
+}  // namespace
