@@ -27,8 +27,13 @@ constexpr float PTCL_BOX_GAUSS_NORM = 0.3989423f;
 
 // The centre of a box, x + w / 2 and y + h / 2 (integer halving); for a record from a .star
 // file (w and h 0) the position itself.
-inline int ptcl_box_center_x(const PTCL_BOX& b) { return b.x + b.w / 2; }
-inline int ptcl_box_center_y(const PTCL_BOX& b) { return b.y + b.h / 2; }
+// Formed in 64 bits and held to the int range, so absurd values from a damaged file can't
+// overflow.
+inline int ptcl_box_clamp_int(long long v) {
+  return v > 2147483647LL ? 2147483647 : (v < -2147483647LL - 1 ? -2147483647 - 1 : static_cast<int>(v));
+}
+inline int ptcl_box_center_x(const PTCL_BOX& b) { return ptcl_box_clamp_int(static_cast<long long>(b.x) + b.w / 2); }
+inline int ptcl_box_center_y(const PTCL_BOX& b) { return ptcl_box_clamp_int(static_cast<long long>(b.y) + b.h / 2); }
 
 // Clears boxes[0 .. max_boxes) (up to PTCL_BOX_MAX) and reads at most max_boxes records from
 // the file; returns how many. A file that can't be opened is fatal (exit status 1).
