@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "boxfile/ptcl_box.h"
-#include "fuzz_support.h"
+#include "harness.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The first byte picks the suffix, so both grammars see every input.

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "fuzz_support.h"
+#include "harness.h"
 #include "mrcfile/mrcfile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

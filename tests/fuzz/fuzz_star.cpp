@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "fuzz_support.h"
+#include "harness.h"
 #include "starfile/starfile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
