@@ -150,6 +150,11 @@ StepOutcome prep_work_sizes(PickoraRun& run) {
   const MRC_HEAD& h = run.first_head;
   if (h.nx < 1 || h.ny < 1 || h.nz < 1)
     PK_FATAL("the micrograph %s has no usable size (nx %d, ny %d, nz %d)", run.para.first_mic, h.nx, h.ny, h.nz);
+  // Every micrograph must share this head's mode, so one test covers the run: a mode the
+  // reader can't turn into pixels would otherwise be picked as an empty image.
+  if (mrc_sample_bytes(h.mode) == 0)
+    PK_FATAL("the micrograph %s is in MRC mode %d (%s), which can't be read as pixels; modes 0, 1, 2 and 6 can",
+             run.para.first_mic, h.mode, mrc_get_head_mode(&h));
   pickora_set_work_sizes(h.nx, h.ny, run.para.shrink, &run.sizes);
   run.sizes.nz = h.nz;
   if (run.sizes.work_size < 2)
