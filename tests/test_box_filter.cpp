@@ -66,6 +66,11 @@ std::vector<std::pair<int, int>> corners(const std::string& text) {
   return xy;
 }
 
+// Whether one candidate at work pixel (x, y) comes through the filter.
+bool kept_one(const TempDir& dir, int x, int y, float cc, const Filter& f) {
+  return corners(run_filter(dir, candidates({{x, y, cc, 0, 0.0f}}), f)).size() == 1;
+}
+
 TEST(Candidates, WriterKeepsWholeBoxesInsideWithOneSpareLowPixel) {
   // work_size 100, box 20 (half 10): x and y strictly between 10 and 90.
   const int xs[] = {10, 11, 89, 90};
@@ -87,7 +92,7 @@ TEST(Candidates, WriterKeepsWholeBoxesInsideWithOneSpareLowPixel) {
 
 // A peak at work pixel (500, 300), shrink 4, --boxsize 396: 451 251 99 99 in the candidate
 // file, 1802 1002 396 396 in the .box file, 2000 1200 in the .star file.
-TEST(BoxFilter, CoordinateChainFromWorkPixelToMicrograph) {
+TEST(BoxFilter, CoordinateChainFromWorkPixelToMicrographAndFormats) {
   TempDir dir;
   const unsigned index[1] = {300u * 1024u + 500u};
   const float cc[1] = {0.5f}, psi[1] = {12.3456f};
@@ -105,40 +110,45 @@ TEST(BoxFilter, CoordinateChainFromWorkPixelToMicrograph) {
   EXPECT_EQ(run_filter(dir, row, f), "1802    1002    396     396     0.500000\t3       12.346000\n");
   f.mode = BOX_FILTER_STAR;
   EXPECT_EQ(run_filter(dir, row, f), std::string(kStarHead) + "2000    1200    12.346000\t3       0.500000\n");
-}
-
-TEST(BoxFilter, EmptyCandidateFileGivesEmptyBoxAndStarHeadOnly) {
-  TempDir dir;
-  EXPECT_EQ(run_filter(dir, ""), "");
-  Filter f;
-  f.mode = BOX_FILTER_STAR;
+  // An empty candidate file gives a star head only; an odd box size halves by integer division.
   EXPECT_EQ(run_filter(dir, "\n  \n", f), kStarHead);
-}
-
-TEST(BoxFilter, OddBoxSizeHalvesByIntegerDivision) {
-  TempDir dir;
-  Filter f;
-  f.nx = f.ny = 1024;
-  f.shrink = 4.0f;
-  f.box = 255;  // half 127
+  f.mode = BOX_FILTER_BOX;
+  f.box = 255;
   EXPECT_EQ(run_filter(dir, candidates({{100, 100, 0.5f, 0, 1.0f}}, 63), f),
             "273     273     255     255     0.500000\t0       1.000000\n");
+  EXPECT_EQ(run_filter(dir, ""), "");
 }
 
 // nx = ny = 280, step 28: cells 0 to 9 per side. The outermost ring meets itself and is always
 // cleared, whatever its cc; the next ring is not.
-TEST(BoxFilter, OuterRingOfCellsNeverYieldsACoordinate) {
-  struct Case {
-    int x, y;
-    bool kept;
-  };
-  const Case cases[] = {{140, 14, false}, {140, 270, false}, {14, 140, false}, {270, 140, false},
-                        {140, 30, true},  {140, 250, true},  {30, 140, true},  {250, 140, true}};
+TEST(BoxFilter, OneCandidateKeptOrNot) {
   TempDir dir;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.x << "," << c.y);
-    EXPECT_EQ(corners(run_filter(dir, candidates({{c.x, c.y, 0.99f, 0, 0.0f}}))).size(), c.kept ? 1u : 0u);
+  Filter plain, box100, cut25;
+  box100.box = 100;
+  cut25.cc_cutoff = 0.25f;
+  // Along x and along y through the centre: with nx = ny = 280 and step 28 (cells 0 to 9 per side)
+  // the outermost ring of cells meets itself and is always cleared whatever its cc, the next ring
+  // is not; with box 100 (half 50) the position must lie strictly between 50 and 230.
+  const struct {
+    int at;
+    const Filter* f;
+    bool kept;
+  } cases[] = {{14, &plain, false}, {270, &plain, false}, {30, &plain, true},   {250, &plain, true},
+               {50, &box100, false}, {51, &box100, true},  {229, &box100, true}, {230, &box100, false}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(kept_one(dir, c.at, 140, 0.99f, *c.f), c.kept) << "x " << c.at << " box " << c.f->box;
+    EXPECT_EQ(kept_one(dir, 140, c.at, 0.99f, *c.f), c.kept) << "y " << c.at << " box " << c.f->box;
   }
+  // The cc cut-off keeps equal values.
+  EXPECT_TRUE(kept_one(dir, 140, 140, 0.25f, cut25));
+  EXPECT_FALSE(kept_one(dir, 140, 140, 0.249999f, cut25));
+  // A micrograph narrower than the work image: the mirror extension starts at x = 140; a shorter
+  // one: rows beyond the grid's height fall to the edge test.
+  Filter narrow, shorter;
+  narrow.nx = 140;
+  shorter.ny = 140;
+  EXPECT_EQ(run_filter(dir, candidates({{150, 140, 0.9f, 0, 0.0f}}), narrow), "");
+  EXPECT_EQ(run_filter(dir, candidates({{140, 200, 0.9f, 0, 0.0f}}), shorter), "");
 }
 
 TEST(BoxFilter, EqualCcInOneCellStaysWithTheLowerTemplate) {
@@ -170,73 +180,31 @@ TEST(BoxFilter, NeighbourPassIsGreedyInScanOrder) {
   }
 }
 
-TEST(BoxFilter, CcCutoffKeepsEqualValues) {
-  TempDir dir;
-  Filter f;
-  f.cc_cutoff = 0.25f;
-  EXPECT_EQ(corners(run_filter(dir, candidates({{140, 140, 0.25f, 0, 0.0f}}), f)).size(), 1u);
-  EXPECT_EQ(corners(run_filter(dir, candidates({{140, 140, 0.249999f, 0, 0.0f}}), f)).size(), 0u);
-}
-
-// Box 100 (half 50), shrink 1, nx = 280: xs must be strictly between 50 and 230.
-TEST(BoxFilter, EdgeTestIsStrictOnBothSides) {
-  const int xs[] = {50, 51, 229, 230};
-  const bool kept[] = {false, true, true, false};
-  TempDir dir;
-  Filter f;
-  f.box = 100;
-  for (int k = 0; k < 4; ++k) {
-    SCOPED_TRACE(xs[k]);
-    EXPECT_EQ(corners(run_filter(dir, candidates({{xs[k], 140, 0.5f, 0, 0.0f}}), f)).size(), kept[k] ? 1u : 0u);
-    EXPECT_EQ(corners(run_filter(dir, candidates({{140, xs[k], 0.5f, 0, 0.0f}}), f)).size(), kept[k] ? 1u : 0u);
-  }
-}
-
-TEST(BoxFilter, PeaksBeyondTheMicrographNeverReachTheFinalFile) {
-  TempDir dir;
-  Filter f;
-  f.nx = 140;  // narrower than the work image: the mirror extension starts at x = 140
-  EXPECT_EQ(run_filter(dir, candidates({{150, 140, 0.9f, 0, 0.0f}}), f), "");
-  f.nx = 280;
-  f.ny = 140;  // shorter: rows beyond the grid's height fall to the edge test
-  EXPECT_EQ(run_filter(dir, candidates({{140, 200, 0.9f, 0, 0.0f}}), f), "");
-}
-
 // Exclusion in micrograph pixels: shrink 2 makes the limit 1568 * 4 = 6272, so candidates whose
 // position (2x, 2y) lies within a squared distance below 6272 of the excluded centre go.
 TEST(BoxFilter, ExcludedBoxesClearCandidatesOnAllSides) {
-  struct Case {
-    const char* suffix;
-    const char* text;  // centre (280, 280)
-  };
-  const Case files[] = {{".box", "270 270 20 20\n"},
-                        {".star", "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n280.7 280.2\n"}};
-  struct Offset {
-    int dx, dy;  // work pixels from (140, 140)
-    bool kept;
-  };
-  // (2 dx)^2 + (2 dy)^2 against 6272: 28,28 gives exactly 6272 and stays.
-  const Offset offsets[] = {{-39, 0, false}, {0, 39, false}, {28, 27, false}, {-28, -28, true}};
+  // Suffix and text of files excluding the centre (280, 280).
+  const char* files[][2] = {{".box", "270 270 20 20\n"},
+                            {".star", "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n280.7 280.2\n"}};
+  // Work pixels (dx, dy) from (140, 140), kept or not: (2 dx)^2 + (2 dy)^2 against 6272, where
+  // 28,28 gives exactly 6272 and stays.
+  const int offsets[][3] = {{-39, 0, 0}, {0, 39, 0}, {28, 27, 0}, {-28, -28, 1}};
   TempDir dir;
-  for (const Case& file : files) {
-    const std::string name = dir.file(std::string("exclude") + file.suffix);
-    write_file_text(name, file.text);
+  for (const auto& file : files) {
     Filter f;
     f.nx = f.ny = 560;
     f.shrink = 2.0f;
-    f.excluded = name;
-    for (const Offset& o : offsets) {
-      SCOPED_TRACE(testing::Message() << file.suffix << " " << o.dx << "," << o.dy);
-      const std::string out = run_filter(dir, candidates({{140 + o.dx, 140 + o.dy, 0.5f, 0, 0.0f}}), f);
-      EXPECT_EQ(corners(out).size(), o.kept ? 1u : 0u);
-    }
+    f.excluded = dir.file(std::string("exclude") + file[0]);
+    write_file_text(f.excluded, file[1]);
+    for (const auto& o : offsets)
+      EXPECT_EQ(kept_one(dir, 140 + o[0], 140 + o[1], 0.5f, f), o[2] == 1) << file[0] << " " << o[0] << "," << o[1];
   }
   Filter missing;
   missing.excluded = dir.file("absent.box");  // a warning, and picking goes on
-  EXPECT_EQ(corners(run_filter(dir, candidates({{140, 140, 0.5f, 0, 0.0f}}), missing)).size(), 1u);
+  EXPECT_TRUE(kept_one(dir, 140, 140, 0.5f, missing));
 }
 
-TEST(BoxFilterDeathTest, DamagedCandidateFileIsReportedAndEarlierOutputKept) {
+TEST(BoxFilterDeathTest, DamagedOrUnopenableFilesAreFatalAndEarlierOutputKept) {
   TempDir dir;
   const std::string in = dir.file("mic_nonunique.box"), out = dir.file("mic.box");
   const std::string good = candidates({{140, 140, 0.5f, 0, 0.0f}});
@@ -254,20 +222,14 @@ TEST(BoxFilterDeathTest, DamagedCandidateFileIsReportedAndEarlierOutputKept) {
                        "box_filter.*candidate file '.*mic_nonunique.box' is damaged at line 2");
   }
   EXPECT_EQ(read_file_text(out), "earlier result\n");
-}
 
-TEST(BoxFilterDeathTest, UnopenableFilesAreFatal) {
-  TempDir dir;
-  const std::string in = dir.file("mic_nonunique.box");
   write_file_text(in, "");
-  const std::string out = dir.file("no_such_folder/mic.box");
   EXPECT_EXIT_REPORT(box_filter(280, 280, kMinDist, 0.1f, 1.0f, 20, 20, make_int2(0, 0), in.c_str(), "NULL",
-                                out.c_str(), 2),
+                                dir.file("no_such_folder/mic.box").c_str(), 2),
                      "Cannot write to file .*no_such_folder/mic.box. Permission denied or no space left!.*"
                      "function box_filter\\(\\), file src/boxfile .*open file '.*mic.box' failed");
-  const std::string absent = dir.file("absent_nonunique.box");
-  EXPECT_EXIT_REPORT(box_filter(280, 280, kMinDist, 0.1f, 1.0f, 20, 20, make_int2(0, 0), absent.c_str(), "NULL",
-                                dir.file("mic.box").c_str(), 2),
+  EXPECT_EXIT_REPORT(box_filter(280, 280, kMinDist, 0.1f, 1.0f, 20, 20, make_int2(0, 0),
+                                dir.file("absent_nonunique.box").c_str(), "NULL", out.c_str(), 2),
                      "Cannot open file .*absent_nonunique.box. Permission denied or wrong file name");
 }
 

@@ -45,28 +45,19 @@ void reference_local_maps(const std::vector<float>& img, int nx, int ny, float r
     y = ((y % py) + py) % py;
     return static_cast<double>(img[(y < ny ? y : py - 1 - y) * nx + (x < nx ? x : px - 1 - x)]);
   };
-  std::vector<double> w(static_cast<size_t>(px) * py);
-  double wsum = 0.0;
-  for (int ty = 0; ty < py; ++ty)
-    for (int tx = 0; tx < px; ++tx) {
-      w[ty * px + tx] = rmask_soft_value(tx, ty, (px - 1) * 0.5f, (py - 1) * 0.5f, radius, soft);
-      wsum += w[ty * px + tx];
-    }
   ave.assign(static_cast<size_t>(nx) * ny, 0.0);
   sigma.assign(ave.size(), 0.0);
   for (int y = 0; y < ny; ++y)
     for (int x = 0; x < nx; ++x) {
-      double s1 = 0.0, s2 = 0.0;
+      double s0 = 0.0, s1 = 0.0, s2 = 0.0;
       for (int ty = 0; ty < py; ++ty)
         for (int tx = 0; tx < px; ++tx) {
-          if (w[ty * px + tx] == 0.0) continue;
+          const double w = rmask_soft_value(tx, ty, (px - 1) * 0.5f, (py - 1) * 0.5f, radius, soft);
           const double v = padded(tx + x - nx, ty + y - ny);
-          s1 += w[ty * px + tx] * v;
-          s2 += w[ty * px + tx] * v * v;
+          s0 += w, s1 += w * v, s2 += w * v * v;
         }
-      const double mean = s1 / wsum;
-      ave[y * nx + x] = mean;
-      sigma[y * nx + x] = std::sqrt(s2 / wsum - mean * mean);
+      ave[y * nx + x] = s1 / s0;
+      sigma[y * nx + x] = std::sqrt(s2 / s0 - (s1 / s0) * (s1 / s0));
     }
 }
 
@@ -115,8 +106,25 @@ std::vector<float> ramp(float start, float step) {
   return m;
 }
 
+// Scans an nx x ny map in cells of 4 with the cut-offs lave_min -1, lave_max 1, lsigma_cutoff 1.3;
+// returns the cell words, averages and sigmas, each with one guard entry past the grid.
+struct Scan {
+  std::vector<unsigned> word;
+  std::vector<float> ave, sigma;
+};
+Scan scan(const std::vector<float>& ave, const std::vector<float>& sigma, int nx, int ny, int cells) {
+  float* d_ave = to_device(ave);
+  float* d_sigma = to_device(sigma);
+  unsigned* d_grid = to_device(std::vector<unsigned>(cells + 1, 99u));
+  float* d_cave = to_device(std::vector<float>(cells + 1, 99.0f));
+  float* d_csig = to_device(std::vector<float>(cells + 1, 99.0f));
+  hcuda_find_sigma_grids(d_ave, d_sigma, d_grid, d_cave, d_csig, nx, ny, 4, -1.0f, 1.0f, 1.3f);
+  Scan r{to_host(d_grid, cells + 1), to_host(d_cave, cells + 1), to_host(d_csig, cells + 1)};
+  for (void* p : {(void*)d_ave, (void*)d_sigma, (void*)d_grid, (void*)d_cave, (void*)d_csig}) cudaFree(p);
+  return r;
+}
+
 TEST(SigmaGrids, RecordRules) {
-  // Cut-offs: lave_min -1, lave_max 1, lsigma_cutoff 1.3.
   const std::vector<ScanCase> cases = {
       {"only the first pixel beyond", filled(0.0f), with(filled(0.5f), {{0, 2.0f}}), 0},
       {"constant beyond the cut-off", filled(0.0f), filled(2.0f), 0},
@@ -129,42 +137,23 @@ TEST(SigmaGrids, RecordRules) {
       // record, so pixel 9 (1.5, below the earlier 2.0) is taken after it.
       {"one pair on record", with(filled(0.0f), {{6, 1.5f}}), with(filled(0.5f), {{3, 2.0f}, {9, 1.5f}}), 9},
   };
-  float* d_ave = device_zeros<float>(16);
-  float* d_sigma = device_zeros<float>(16);
-  unsigned* d_grid = device_zeros<unsigned>(1);
-  float* d_cave = device_zeros<float>(1);
-  float* d_csig = device_zeros<float>(1);
   for (const auto& c : cases) {
-    EXPECT_EQ(memcpy_H2D(d_ave, c.ave.data(), 64), cudaSuccess);
-    EXPECT_EQ(memcpy_H2D(d_sigma, c.sigma.data(), 64), cudaSuccess);
-    hcuda_memset_uint(d_grid, 77u, 1);
-    hcuda_find_sigma_grids(d_ave, d_sigma, d_grid, d_cave, d_csig, 4, 4, 4, -1.0f, 1.0f, 1.3f);
-    EXPECT_EQ(to_host(d_grid, 1)[0], c.want_word) << c.name;
-    EXPECT_EQ(to_host(d_cave, 1)[0], c.ave[c.want_word]) << c.name;
-    EXPECT_EQ(to_host(d_csig, 1)[0], c.sigma[c.want_word]) << c.name;
+    const Scan s = scan(c.ave, c.sigma, 4, 4, 1);
+    EXPECT_EQ(s.word[0], c.want_word) << c.name;
+    EXPECT_EQ(s.ave[0], c.ave[c.want_word]) << c.name;
+    EXPECT_EQ(s.sigma[0], c.sigma[c.want_word]) << c.name;
   }
-  for (void* p : {(void*)d_ave, (void*)d_sigma, (void*)d_grid, (void*)d_cave, (void*)d_csig}) cudaFree(p);
-}
-
-TEST(SigmaGrids, PartialCellsAreScannedAndNothingIsWrittenPastTheGrid) {
-  // 6 x 6 with cells of 4: 2 x 2 cells, the last column and row 2 pixels wide.
-  const int n = 6;
-  std::vector<float> sigma(n * n, 0.5f);
-  sigma[5 * n + 5] = 3.0f;
-  float* d_ave = to_device(std::vector<float>(n * n, 0.0f));
-  float* d_sigma = to_device(sigma);
-  unsigned* d_grid = to_device(std::vector<unsigned>(5, 99u));
-  float* d_cave = to_device(std::vector<float>(5, 99.0f));
-  float* d_csig = to_device(std::vector<float>(5, 99.0f));
-  hcuda_find_sigma_grids(d_ave, d_sigma, d_grid, d_cave, d_csig, n, n, 4, -1.0f, 1.0f, 1.3f);
-  EXPECT_EQ(to_host(d_grid, 5), (std::vector<unsigned>{0, 0, 0, 35, 99}));
-  EXPECT_EQ(to_host(d_csig, 5)[4], 99.0f);
-  for (void* p : {(void*)d_ave, (void*)d_sigma, (void*)d_grid, (void*)d_cave, (void*)d_csig}) cudaFree(p);
+  // 6 x 6 in cells of 4: 2 x 2 cells, the last column and row 2 pixels wide; nothing past the grid.
+  std::vector<float> sigma(36, 0.5f);
+  sigma[35] = 3.0f;
+  const Scan partial = scan(std::vector<float>(36, 0.0f), sigma, 6, 6, 4);
+  EXPECT_EQ(partial.word, (std::vector<unsigned>{0, 0, 0, 35, 99}));
+  EXPECT_EQ(partial.sigma[4], 99.0f);
 }
 
 // ---- The rejected files ----------------------------------------------------------------------
 
-TEST(RejectedFiles, LinesAndRimRule) {
+TEST(RejectedFiles, LinesRimRuleAndUnwritablePath) {
   // work_size 1024, cells of 84 (13 x 13), shrink 4, so half = 42.
   const int n = 1024, step = 84, cols = 13;
   std::vector<unsigned> grid(cols * cols, 0);
@@ -193,13 +182,8 @@ TEST(RejectedFiles, LinesAndRimRule) {
             "172     800     \n"
             "2000    1200    \n"
             "3924    2000    \n");
-}
-
-TEST(RejectedFilesDeathTest, UnwritablePathEndsTheRun) {
-  std::vector<unsigned> grid(1, 0);
-  std::vector<float> v(1, 0.0f);
-  EXPECT_EXIT_REPORT(output_ice_coord("/nonexistent-dir/x_rejected.box", grid.data(), v.data(), v.data(), 16, 16,
-                                      int2{0, 0}, 16, 1, 2),
+  EXPECT_EXIT_REPORT(output_ice_coord("/nonexistent-dir/x_rejected.box", grid.data(), ave.data(), sigma.data(), n, n,
+                                      int2{0, 0}, step, 4, 2),
                      "Cannot write to file /nonexistent-dir/x_rejected.box.*open file "
                      "'/nonexistent-dir/x_rejected.box' failed");
 }
@@ -253,12 +237,8 @@ TEST(IceDetect, BrightAndDarkBlobsRejectTheirCellsOnly) {
         far &= dx * dx + dy * dy > reach * reach;
       }
       const unsigned word = grid[gy * cols + gx];
-      if (holds_blob) {
-        EXPECT_NE(word, 0u) << "cell " << gx << "," << gy;
-      }
-      if (far) {
-        EXPECT_EQ(word, 0u) << "cell " << gx << "," << gy;
-      }
+      EXPECT_TRUE(!holds_blob || word != 0) << "cell " << gx << "," << gy;
+      EXPECT_TRUE(!far || word == 0) << "cell " << gx << "," << gy;
       if (word != 0) {  // the recorded pixel lies in its own cell
         EXPECT_EQ(static_cast<int>(word % n) / step, gx);
         EXPECT_EQ(static_cast<int>(word / n) / step, gy);
@@ -272,8 +252,7 @@ TEST(IceDetect, BrightAndDarkBlobsRejectTheirCellsOnly) {
             std::count(star_text.begin(), star_text.end(), '\n'));  // the same cells; the head has 6 line ends
   int bg_nx = 0, bg_ny = 0;
   get_mrcf_xy(bg_nx, bg_ny, dir.file("mic_bg.mrc").c_str());
-  EXPECT_EQ(bg_nx, n);
-  EXPECT_EQ(bg_ny, n);
+  EXPECT_EQ(std::make_pair(bg_nx, bg_ny), std::make_pair(n, n));
   cudaFree(d_img);
   cudaFree(d_grid);
 }

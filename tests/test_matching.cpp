@@ -3,44 +3,20 @@
 // rounding enters) and against each other (exactly).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "cuda_general/cuda_general.h"
 #include "pickora56/matching.h"
+#include "support/device_data.h"
 #include "support/exit_report.h"
 
 namespace {
 
-template <class T>
-T* to_device(const std::vector<T>& h) {
-  T* d = nullptr;
-  safe_cudaMalloc(&d, sizeof(T) * h.size());
-  EXPECT_EQ(memcpy_H2D(d, h.data(), sizeof(T) * h.size()), cudaSuccess);
-  return d;
-}
-
-template <class T>
-std::vector<T> to_host(const T* d, size_t n) {
-  std::vector<T> h(n);
-  EXPECT_EQ(memcpy_D2H(h.data(), d, sizeof(T) * n), cudaSuccess);
-  return h;
-}
-
-std::vector<float> random_image(size_t n, unsigned seed, float amplitude = 1.0f) {
-  std::mt19937 gen(seed);
-  std::uniform_real_distribution<float> dist(-amplitude, amplitude);
-  std::vector<float> v(n);
-  for (auto& x : v) x = dist(gen);
-  return v;
-}
-
-// A random n by n pattern inside a border of zeros, as templates have. Turning by a multiple of
-// 90 degrees is then a permutation of pixels up to float rounding: the angle's cosine or sine
-// is not exactly 0, so positions land a hair off the grid, which moves a value by about 1e-7
-// and may drop an edge pixel, here a zero.
+// A random n by n pattern inside a border of zeros, as templates have: quarter turns then move
+// pixels up to float rounding (cos 90 is not exactly 0), and an edge pixel that drops is a zero.
 std::vector<float> bordered_pattern(int n, unsigned seed) {
   std::vector<float> v = random_image(size_t(n) * n, seed);
   for (int y = 0; y < n; ++y)
@@ -125,14 +101,12 @@ double brute_map(const Problem& p, int k, int X, int Y) {
 
 // ---------------------------------------------------------------------------------------------
 
-TEST(Rotate, ZeroDegreesReturnsEveryPixelExactly) {
+TEST(Rotate, ZeroQuarterTurnsAndOutside) {
   for (auto [nx, ny] : {std::pair{7, 5}, {8, 8}, {1, 3}}) {
     const std::vector<float> src = random_image(size_t(nx) * ny, 3);
-    EXPECT_EQ(rotate_on_device(src, nx, ny, 0.0f), src) << nx << " x " << ny;
+    EXPECT_EQ(rotate_on_device(src, nx, ny, 0.0f), src) << nx << " x " << ny;  // every pixel exactly
   }
-}
-
-TEST(Rotate, QuarterTurnsMovePixelsFromXTowardY) {
+  // Quarter turns move pixels from x toward y.
   for (int n : {7, 8}) {
     const std::vector<float> src = bordered_pattern(n, 11);
     for (int k : {1, 2, 3}) {
@@ -140,10 +114,7 @@ TEST(Rotate, QuarterTurnsMovePixelsFromXTowardY) {
       for (int i = 0; i < n * n; ++i) ASSERT_NEAR(got[i], want[i], 1e-6) << "side " << n << ", " << 90 * k << ", " << i;
     }
   }
-}
-
-// Bilinear weights give a constant back exactly inside; the corners turn out of the square.
-TEST(Rotate, PositionsOutsideTheSourceGiveZero) {
+  // Bilinear weights give a constant back exactly inside; the corners turn out of the square to zero.
   const std::vector<float> out = rotate_on_device(std::vector<float>(81, 2.5f), 9, 9, 45.0f);
   EXPECT_EQ(out[4 * 9 + 4], 2.5f);
   for (int i : {0, 8, 72, 80}) EXPECT_EQ(out[i], 0.0f) << i;
@@ -211,16 +182,15 @@ TEST(Matching, MapsAgreeWithBruteForceCorrelation) {
 // the score of the brute-force correlation there, and well above every other pixel.
 TEST(Matching, PlantedTemplateIsFoundAtItsPlaceAndAngle) {
   const int n = 64, tn = 16, px = 40, py = 21;
-  Problem p{n, random_image(n * n, 31, 0.05f), std::vector<float>(n * n, 1.0f), tn, bordered_pattern(tn, 32), 1.0f};
+  Problem p{n, random_image(n * n, 31), std::vector<float>(n * n, 1.0f), tn, bordered_pattern(tn, 32), 1.0f};
+  for (float& v : p.mic) v *= 0.05f;
   const std::vector<float> turned = quarter_turns(p.T, tn, 1);
   // For an even side the template's pixel (tn / 2, tn / 2) is its anchor on the map.
   for (int y = 0; y < tn; ++y)
     for (int x = 0; x < tn; ++x) p.mic[(py - tn / 2 + y) * n + px - tn / 2 + x] += turned[y * tn + x];
   const Maps m = run_matching(p, 30.0f, 359.0f);
-  size_t best = 0;
+  const size_t best = std::max_element(m.ccmax.begin(), m.ccmax.end()) - m.ccmax.begin();
   float second = -INFINITY;
-  for (size_t i = 1; i < m.ccmax.size(); ++i)
-    if (m.ccmax[i] > m.ccmax[best]) best = i;
   for (size_t i = 0; i < m.ccmax.size(); ++i)
     if (i != best) second = std::max(second, m.ccmax[i]);
   EXPECT_EQ(best, size_t(py) * n + px);

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <random>
 #include <string>
 #include <utility>
@@ -69,18 +68,13 @@ TEST(EvenSquareShrink, RealAreaFollowsTheSummationOrderOfEachFactor) {
         ASSERT_EQ(out[static_cast<size_t>(Y) * ws + X], want) << "pixel " << X << ", " << Y;
         order_matters += want != reference_block(raw, nx, X, Y, s, !snake);
       }
-    if (snake) {
-      EXPECT_GT(order_matters, 0) << "the data can't tell the snake from row order";
-    }
+    EXPECT_TRUE(!snake || order_matters > 0) << "the data can't tell the snake from row order";
   }
-}
-
-TEST(EvenSquareShrink, SnakeOrderOfTheFourValuesExample) {
-  // Top left, top right, bottom left, bottom right; summed TL, TR, BR, BL the big values cancel
-  // only after both ones were absorbed.
-  std::vector<float> raw(16, 0.0f);
-  raw[0] = 1e8f, raw[1] = 1.0f, raw[4] = -1e8f, raw[5] = 1.0f;
-  EXPECT_EQ(work_image(raw, 4, 4, 2, 2)[0], 0.0f);
+  // Summed top left, top right, bottom right, bottom left, the big values cancel only after
+  // both ones were absorbed.
+  std::vector<float> four(16, 0.0f);
+  four[0] = 1e8f, four[1] = 1.0f, four[4] = -1e8f, four[5] = 1.0f;
+  EXPECT_EQ(work_image(four, 4, 4, 2, 2)[0], 0.0f);
 }
 
 TEST(EvenSquareShrink, WideAndTallMicrographsMirrorIntoTheGap) {
@@ -105,11 +99,6 @@ TEST(EvenSquareShrink, WideAndTallMicrographsMirrorIntoTheGap) {
         ASSERT_FALSE(std::isnan(out[static_cast<size_t>(y) * ws + x]));
       }
   }
-  // 10 x 19: the last pixel of a row is pixel 2, and the last real column comes twice.
-  std::vector<float> raw = wide_range_image(10, 19, 5);
-  const std::vector<float> out = work_image(raw, 10, 19, 1, 18);
-  EXPECT_EQ(out[17], out[2]);
-  EXPECT_EQ(out[10], out[9]);
 }
 
 TEST(EvenSquareShrink, AspectLimitIsStrictOnTheShrunkSides) {
@@ -143,17 +132,13 @@ TEST(PlainBlockMean, TightOutputStackSlicesAndInvertedSign) {
   std::vector<float> out(3 * 2 * nz), inv(3 * 2);
   cpu_2ds_meanshrink(out.data(), raw.data(), nx, ny, nz, s);
   cpu_2d_meanshrink_invert(inv.data(), raw.data(), nx, ny, s);
-  for (int z = 0; z < nz; ++z)
-    for (int Y = 0; Y < 2; ++Y)
-      for (int X = 0; X < 3; ++X) {
-        std::vector<float> slice(raw.begin() + z * nx * ny, raw.begin() + (z + 1) * nx * ny);
-        float sum = 0.0f;
-        for (auto [i, j] : block_order(s, false)) sum += slice[(Y * s + j) * nx + X * s + i];
-        EXPECT_EQ(out[z * 6 + Y * 3 + X], sum / 4.0f);
-        if (z == 0) {
-          EXPECT_EQ(inv[Y * 3 + X], -(sum / 4.0f));
-        }
-      }
+  for (int k = 0; k < 3 * 2 * nz; ++k) {
+    const int z = k / 6, Y = k / 3 % 2, X = k % 3;
+    float sum = 0.0f;
+    for (auto [i, j] : block_order(s, false)) sum += raw[(z * ny + Y * s + j) * nx + X * s + i];
+    EXPECT_EQ(out[k], sum / 4.0f) << k;
+    EXPECT_TRUE(z > 0 || inv[k] == -(sum / 4.0f)) << k;
+  }
   // s = 1 copies every pixel, odd sizes included.
   std::vector<float> copy(nx * ny);
   cpu_2d_meanshrink(copy.data(), raw.data(), nx, ny, 1);
@@ -182,10 +167,8 @@ TEST(SquareSizes, HelpersOfTheWorkImage) {
   EXPECT_EQ(get_max_square_even_size(7, 10), 6);
   EXPECT_EQ(get_max_square_even_size(12, 9), 8);
   const int2 wide = get_max_square_clip_origin(10, 4), tall = get_max_square_clip_origin(4, 11);
-  EXPECT_EQ(wide.x, 3);
-  EXPECT_EQ(wide.y, 0);
-  EXPECT_EQ(tall.x, 0);
-  EXPECT_EQ(tall.y, 3);
+  EXPECT_EQ(std::make_pair(wide.x, wide.y), std::make_pair(3, 0));
+  EXPECT_EQ(std::make_pair(tall.x, tall.y), std::make_pair(0, 3));
 }
 
 TEST(SquareClip, ReadsTheSquareAtTheOriginAndRefusesOversizedSquares) {

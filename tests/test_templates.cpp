@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -12,16 +13,11 @@
 #include "pickora56/template_norm.h"
 #include "pickora56/templates.h"
 #include "process2d_raw/meanshrink.h"
+#include "support/device_data.h"
 #include "support/exit_report.h"
 #include "support/temp_dir.h"
 
 namespace {
-
-std::vector<float> from_device(const float* d, size_t n) {
-  std::vector<float> h(n);
-  EXPECT_EQ(memcpy_D2H(h.data(), d, sizeof(float) * n), cudaSuccess);
-  return h;
-}
 
 // A stack whose slice z is the plane (z + 1) x + 3 y + 0.5 z.
 std::vector<float> ramp_stack(int nx, int ny, int nz) {
@@ -39,18 +35,15 @@ std::string write_stack(const TempDir& dir, const std::vector<float>& a, int nx,
 }
 
 TEST(SoftMask, ValuesAtKnownRadii) {
-  // Centre (5, 5), flat radius 2, soft 3: the fall-off is exp(-t^2 / 2) with t = d - 2.
+  // Centre (5, 5), flat radius 2, soft 3: the fall-off is exp(-t^2 / 2) with t = d - 2; points
+  // exactly on R (7, 5) and on R + soft (10, 5) count as inside.
   std::vector<float> m(11 * 11);
   cpu_2d_generate_rmask_soft(m.data(), 11, 11, 5.0f, 5.0f, 2.0f, 3.0f);
-  struct Case {
-    int x, y;
-    double want;
-  };
-  for (Case c : {Case{5, 5, 1.0}, Case{7, 5, 1.0} /* exactly on R: inner */, Case{8, 5, std::exp(-0.5)},
-                 Case{5, 9, std::exp(-2.0)}, Case{10, 5, std::exp(-4.5)} /* exactly on R + soft: inner */,
-                 Case{9, 8, std::exp(-4.5)}, Case{10, 6, 0.0}, Case{0, 0, 0.0}}) {
-    EXPECT_NEAR(m[c.y * 11 + c.x], c.want, 1e-6) << c.x << ", " << c.y;
-  }
+  const double cases[][3] = {{5, 5, 1.0},           {7, 5, 1.0},           {8, 5, std::exp(-0.5)},
+                             {5, 9, std::exp(-2.0)},  {10, 5, std::exp(-4.5)}, {9, 8, std::exp(-4.5)},
+                             {10, 6, 0.0},            {0, 0, 0.0}};
+  for (const auto& c : cases)
+    EXPECT_NEAR(m[static_cast<int>(c[1] * 11 + c[0])], c[2], 1e-6) << c[0] << ", " << c[1];
 }
 
 TEST(GeneratedTemplate, SoftBlobInWorkPixels) {
@@ -59,9 +52,7 @@ TEST(GeneratedTemplate, SoftBlobInWorkPixels) {
     int nx = 0, ny = 0, nz = 0;
     // Pixel sizes and shrink play no part: the radius is already in work pixels.
     float* t = get_or_create_template_data(nx, ny, nz, name, r, 0.0f, 0.0f, 4, edge);
-    ASSERT_EQ(nx, 40);
-    ASSERT_EQ(ny, 40);
-    ASSERT_EQ(nz, 1);
+    ASSERT_EQ((std::vector<int>{nx, ny, nz}), (std::vector<int>{40, 40, 1}));
     const double R = r * edge, soft = (1.0 - edge) * r, w = soft / 3.0;
     for (int y = 0; y < 40; ++y)
       for (int x = 0; x < 40; ++x) {
@@ -102,13 +93,6 @@ TEST(Resampling, KeepsAPlaneAboutTheCentreAndPadsWithZero) {
       EXPECT_EQ(out, in);  // whole-number positions read no neighbour
     }
   }
-  // Up by 2 from 20: output column 0 maps to -0.25 and column 39 to 19.25, both outside.
-  std::vector<float> up(40 * 24);
-  gpu_2ds_scale(up.data(), in.data(), nx, ny, 1, 2.0f);
-  for (int Y = 0; Y < 24; ++Y) {
-    EXPECT_EQ(up[Y * 40], 0.0f);
-    EXPECT_EQ(up[Y * 40 + 39], 0.0f);
-  }
 }
 
 TEST(TemplateStack, ResampledBeforeShrunk) {
@@ -125,9 +109,7 @@ TEST(TemplateStack, ResampledBeforeShrunk) {
     const std::string path = write_stack(dir, stack, c.nx, c.ny, c.nz);
     int tnx = 0, tny = 0, tnz = 0;
     float* t = get_or_create_template_data(tnx, tny, tnz, path.c_str(), 5.0f, c.apixT, c.apixM, c.shrink, 0.05f);
-    ASSERT_EQ(tnx, c.tnx);
-    ASSERT_EQ(tny, c.tny);
-    ASSERT_EQ(tnz, c.nz);
+    ASSERT_EQ((std::vector<int>{tnx, tny, tnz}), (std::vector<int>{c.tnx, c.tny, c.nz}));
     // The expected stack: the resampled plane of the file, then plain block means.
     const float ratio = c.apixT / c.apixM;
     const int nx1 = static_cast<int>(c.nx * ratio), ny1 = static_cast<int>(c.ny * ratio);
@@ -160,16 +142,15 @@ TEST(TemplateStack, BadStacksEndTheRunNamingFileAndSizes) {
 
   // A head that says no slices, or a mode that can't be read as floats.
   std::vector<unsigned char> bytes = read_binary_file(path);
-  int32_t value = 0;
-  std::memcpy(bytes.data() + 8, &value, 4);
-  write_file_bytes(path, bytes);
+  auto set_head_word = [&](int offset, int32_t value) {
+    std::memcpy(bytes.data() + offset, &value, 4);
+    write_file_bytes(path, bytes);
+  };
+  set_head_word(8, 0);  // nz
   EXPECT_EXIT_REPORT(get_template_data(tnx, tny, tnz, path.c_str()),
                      "template stack .*templates.mrcs has sizes 3 x 3 x 0; all must be positive");
-  value = 1;
-  std::memcpy(bytes.data() + 8, &value, 4);
-  value = 4;
-  std::memcpy(bytes.data() + 12, &value, 4);
-  write_file_bytes(path, bytes);
+  set_head_word(8, 1);
+  set_head_word(12, 4);  // mode
   EXPECT_EXIT_REPORT(get_template_data(tnx, tny, tnz, path.c_str()), "templates.mrcs has MRC mode 4");
 }
 
@@ -179,44 +160,46 @@ struct Normalised {
   std::vector<float> in = ramp_stack(nx, ny, nz);
   std::vector<float> out;
   explicit Normalised(int type, float r, float m) {
-    float* d = nullptr;
-    safe_cudaMalloc(&d, sizeof(float) * in.size());
+    float* d = device_zeros<float>(in.size());
     EXPECT_EQ(normalize_template_data(d, in.data(), nx, ny, nz, type, r, m), 0);
-    out = from_device(d, in.size());
+    out = to_host(d, in.size());
     cudaFree(d);
   }
   const float* slice(int z) const { return out.data() + z * nx * ny; }
   const float* input(int z) const { return in.data() + z * nx * ny; }
 };
 
-double mean_of(const float* a, int n) {
-  double s = 0.0;
-  for (int i = 0; i < n; ++i) s += a[i];
-  return s / n;
-}
-
-TEST(TemplateNormalisation, TypesZeroOneAndTwo) {
+TEST(TemplateNormalisation, TypesZeroOneTwoInvalidAndInversion) {
   const int n = Normalised::nx * Normalised::ny;
-  const Normalised none(0, 5.0f, 0.05f), sub(1, 5.0f, 0.05f), circle(2, 4.0f, 0.05f), wide(2, 100.0f, 0.05f);
+  testing::internal::CaptureStdout();
+  const Normalised none(0, 5.0f, 0.05f), bad(7, 5.0f, 0.05f), sub(1, 5.0f, 0.05f), circle(2, 4.0f, 0.05f),
+      wide(2, 100.0f, 0.05f);
+  const std::string text = testing::internal::GetCapturedStdout();
   EXPECT_EQ(none.out, none.in);
+  float* d = to_device(none.in);  // inversion negates every value
+  pickora_invert_templates(d, Normalised::nx, Normalised::ny, Normalised::nz);
+  const std::vector<float> inverted = to_host(d, none.in.size());
+  cudaFree(d);
+  for (size_t i = 0; i < none.in.size(); ++i) EXPECT_EQ(inverted[i], -none.in[i]);
+  // An invalid type warns once per slice and leaves the stack as it was.
+  EXPECT_EQ(bad.out, bad.in);
+  const std::string warning = "\033[43mWarning in function normalize_template_data(), file src/pickora56 on line ";
+  EXPECT_NE(text.find(warning), std::string::npos) << text;
+  EXPECT_EQ(text.find(warning, text.find(warning) + 1), text.rfind(warning)) << text;
+  EXPECT_NE(text.find(":Invalid T_norm_type!\n\033[m"), std::string::npos) << text;
   for (int z = 0; z < Normalised::nz; ++z) {
-    EXPECT_NEAR(mean_of(sub.slice(z), n), 0.0, 1e-5);
-    const double shift = sub.input(z)[0] - sub.slice(z)[0];
-    EXPECT_NEAR(shift, mean_of(sub.input(z), n), 1e-5);
-    // Inside radius 4 of (7.5, 5.5) the pixel is shifted, outside it is minus the mean, which
-    // is the sum inside over all 192 pixels.
-    double inside = 0.0;
-    for (int y = 0; y < Normalised::ny; ++y)
-      for (int x = 0; x < Normalised::nx; ++x)
-        if ((x - 7.5) * (x - 7.5) + (y - 5.5) * (y - 5.5) <= 16.0) inside += circle.input(z)[y * 16 + x];
-    const double mean = inside / n;
-    for (int y = 0; y < Normalised::ny; ++y)
-      for (int x = 0; x < Normalised::nx; ++x) {
-        const bool in = (x - 7.5) * (x - 7.5) + (y - 5.5) * (y - 5.5) <= 16.0;
-        EXPECT_NEAR(circle.slice(z)[y * 16 + x], (in ? circle.input(z)[y * 16 + x] : 0.0) - mean, 1e-4);
-      }
-    // A circle larger than the slice zeroes nothing: type 1 up to the order of the sums.
-    for (int i = 0; i < n; ++i) EXPECT_NEAR(wide.slice(z)[i], sub.slice(z)[i], 1e-4);
+    // Type 2: inside radius 4 of (7.5, 5.5) the pixel is shifted, outside it is minus the mean,
+    // which is the sum inside over all 192 pixels.
+    auto inside = [&](int i) { return (i % 16 - 7.5) * (i % 16 - 7.5) + (i / 16 - 5.5) * (i / 16 - 5.5) <= 16.0; };
+    double sum_inside = 0.0;
+    for (int i = 0; i < n; ++i) sum_inside += inside(i) ? circle.input(z)[i] : 0.0;
+    const double mean = std::accumulate(sub.input(z), sub.input(z) + n, 0.0) / n;
+    for (int i = 0; i < n; ++i) {
+      EXPECT_NEAR(sub.slice(z)[i], sub.input(z)[i] - mean, 1e-5) << i;
+      EXPECT_NEAR(circle.slice(z)[i], (inside(i) ? circle.input(z)[i] : 0.0) - sum_inside / n, 1e-4) << i;
+      // A circle larger than the slice zeroes nothing: type 1 up to the order of the sums.
+      EXPECT_NEAR(wide.slice(z)[i], sub.slice(z)[i], 1e-4) << i;
+    }
   }
 }
 
@@ -245,18 +228,6 @@ TEST(TemplateNormalisation, TypeThreeUnderTheSoftDisc) {
   }
 }
 
-TEST(TemplateNormalisation, InvalidTypeWarnsPerSliceAndLeavesTheStack) {
-  testing::internal::CaptureStdout();
-  const Normalised bad(7, 5.0f, 0.05f);
-  const std::string text = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(bad.out, bad.in);
-  const std::string warning = "\033[43mWarning in function normalize_template_data(), file src/pickora56 on line ";
-  size_t count = 0;
-  for (size_t p = text.find(warning); p != std::string::npos; p = text.find(warning, p + 1)) ++count;
-  EXPECT_EQ(count, 2u) << text;
-  EXPECT_NE(text.find(":Invalid T_norm_type!\n\033[m"), std::string::npos) << text;
-}
-
 TEST(TemplateNormalisation, AreaTerms) {
   EXPECT_NEAR(pickora_template_area_term(1, 48.507f, 0.05f), 7391.945f, 0.01f);  // pi r^2
   EXPECT_EQ(pickora_template_area_term(1, 48.507f, 0.05f), pickora_template_area_term(7, 48.507f, 0.5f));
@@ -267,17 +238,6 @@ TEST(TemplateNormalisation, AreaTerms) {
   EXPECT_LT(half, 2401.0f);
   EXPECT_GT(half, 2300.0f);
   EXPECT_EQ(cpu_2d_rmask_soft_sum(-3.0f, 1.0f), 0.0f);
-}
-
-TEST(TemplateNormalisation, InversionNegatesEveryValue) {
-  const std::vector<float> in = ramp_stack(5, 3, 2);
-  float* d = nullptr;
-  safe_cudaMalloc(&d, sizeof(float) * in.size());
-  ASSERT_EQ(memcpy_H2D(d, in.data(), sizeof(float) * in.size()), cudaSuccess);
-  pickora_invert_templates(d, 5, 3, 2);
-  const std::vector<float> out = from_device(d, in.size());
-  cudaFree(d);
-  for (size_t i = 0; i < in.size(); ++i) EXPECT_EQ(out[i], -in[i]);
 }
 
 }  // namespace
