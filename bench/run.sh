@@ -64,7 +64,7 @@ else
   # shellcheck disable=SC2207
   fft_libs=("$build/libpickora_cpu.a" $(pkg-config --libs fftw3f) -lfftw3f_omp)
 fi
-cmake --build "$build" -j"$(nproc)" --target "${targets[@]}" >"$out/build.log" 2>&1 ||
+cmake --build "$build" -j"$(getconf _NPROCESSORS_ONLN)" --target "${targets[@]}" >"$out/build.log" 2>&1 ||
   { tail -30 "$out/build.log"; exit 1; }
 simulate=$build/bin/pickora-simulate
 fft_pair=$build/bin/fft_pair
@@ -253,7 +253,7 @@ step_table() {
 {
   echo "## Benchmark, $(date +%Y-%m-%d), backend $backend$([ $quick = 1 ] && echo ', quick')"
   echo
-  echo "Machine: $(nproc) cores ($(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')),"\
+  echo "Machine: $(getconf _NPROCESSORS_ONLN) cores ($(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')),"\
        "$(awk '/MemTotal/ { printf "%.1f GiB", $2 / 1048576 }' /proc/meminfo) memory; OMP_NUM_THREADS=${OMP_NUM_THREADS:-unset};"\
        "load average before $load_before, after $load_after."
   if [ "$backend" = cuda ] && command -v nvidia-smi >/dev/null; then echo "GPU: $(nvidia-smi -L | head -1)"; fi
