@@ -121,12 +121,28 @@ bool flag_gate(const PickoraRun& run) {
   return run.para.*Flag != 0;
 }
 
+// A build made with -DPICKORA_STEP_TIMES=1 (bench/run.sh makes one) prints the wall time of
+// every step on standard error, one line "pickora-step TABLE MIC STEP SECONDS WHAT", so that
+// the benchmark can split the time lines finer. Standard output and the results stay as they are.
+#ifndef PICKORA_STEP_TIMES
+#define PICKORA_STEP_TIMES 0
+#endif
+
+StepOutcome run_step(const char* table, const PickoraStep& step, PickoraRun& run) {
+  if (!PICKORA_STEP_TIMES) return step.run(run);
+  const double start = pickora_now();
+  const StepOutcome outcome = step.run(run);
+  std::fprintf(stderr, "pickora-step %s %d %d %.6f %s\n", table, run.mic, step.number, pickora_now() - start,
+               step.what);
+  return outcome;
+}
+
 // Runs the steps of a table in order; stops early when a step skips the micrograph.
-StepOutcome run_steps(const PickoraStep* steps, int count, PickoraRun& run) {
+StepOutcome run_steps(const char* table, const PickoraStep* steps, int count, PickoraRun& run) {
   for (int k = 0; k < count; ++k) {
     const PickoraStep& step = steps[k];
     if (step.gate != nullptr && !step.gate(run)) continue;
-    if (step.run(run) == StepOutcome::kSkipMicrograph) return StepOutcome::kSkipMicrograph;
+    if (run_step(table, step, run) == StepOutcome::kSkipMicrograph) return StepOutcome::kSkipMicrograph;
   }
   return StepOutcome::kNext;
 }
@@ -560,9 +576,9 @@ constexpr int count_of(const PickoraStep (&)[N]) {
 void process_micrograph(PickoraRun& run, int mic) {
   run.mic = mic;
   run.name = run.para.files[mic];
-  if (run_steps(kMicrograph, count_of(kMicrograph), run) == StepOutcome::kSkipMicrograph) return;
-  for (run.t = 0; run.t < run.tnz; ++run.t) run_steps(kPerTemplate, count_of(kPerTemplate), run);
-  run_steps(kAfterTemplates, count_of(kAfterTemplates), run);
+  if (run_steps("micrograph", kMicrograph, count_of(kMicrograph), run) == StepOutcome::kSkipMicrograph) return;
+  for (run.t = 0; run.t < run.tnz; ++run.t) run_steps("template", kPerTemplate, count_of(kPerTemplate), run);
+  run_steps("after", kAfterTemplates, count_of(kAfterTemplates), run);
 }
 
 // --- Closing ---------------------------------------------------------------------------------
@@ -613,7 +629,7 @@ int pickora_main(int argc, char** argv) {
   pickora_get_parameters(argc, argv, &run->para);
   pickora_fput_parameters(argc, argv, &run->para, stdout);
 
-  run_steps(kPreparation, count_of(kPreparation), *run);
+  run_steps("preparation", kPreparation, count_of(kPreparation), *run);
   for (int mic = 0; mic < run->para.nfiles; ++mic) process_micrograph(*run, mic);
 
   release_buffers(*run);

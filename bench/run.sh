@@ -1,0 +1,283 @@
+#!/usr/bin/env bash
+# The picker's benchmark, in one command:
+#
+#   bench/run.sh              # CPU backend, the full set (under 10 minutes on 2 quiet cores)
+#   bench/run.sh --quick      # a smoke run of about a minute: fewer micrographs, 20-degree steps
+#   bench/run.sh --cuda       # the CUDA backend (on a machine with a GPU)
+#   bench/run.sh --threads N  # OMP_NUM_THREADS for the host side (default: the runtime's choice)
+#   bench/run.sh --out DIR    # where data, runs and results go (default out/bench)
+#
+# It builds a Release binary whose driver also prints the wall time of every step on standard
+# error (-DPICKORA_STEP_TIMES=1; standard output is unchanged), simulates the micrographs with
+# pickora-simulate (the same seed gives the same bytes, so a set is made once and reused),
+# times one forward+inverse FFT pair at every work size with bench/fft_pair.cpp through the
+# same FFT layer, runs pickora over several micrographs per run and reports seconds per
+# micrograph in steady state, the first micrograph of each run left out. Every timed program
+# runs under /usr/bin/time -v, which gives its peak memory and its own CPU time; with the
+# machine's busy time from /proc/stat that tells how many cores other processes took meanwhile
+# ("other load"), the number to read first on a shared machine. The tables are printed and
+# kept in DIR/results.md.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+quick=0
+backend=cpu
+out=out/bench
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --quick) quick=1 ;;
+    --cuda) backend=cuda ;;
+    --threads) export OMP_NUM_THREADS=$2; shift ;;
+    --out) out=$2; shift ;;
+    -h|--help) sed -n 2,19p "$0"; exit 0 ;;
+    *) echo "bench: unknown option $1" >&2; exit 2 ;;
+  esac
+  shift
+done
+mkdir -p "$out"
+out=$(cd "$out" && pwd)
+
+timer=/usr/bin/time
+if [ ! -x "$timer" ] && [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null; then
+  apt-get install -y -qq time >/dev/null 2>&1 || true
+fi
+[ -x "$timer" ] || { echo "bench: needs /usr/bin/time (apt-get install time)" >&2; exit 1; }
+
+# ---- Build ----------------------------------------------------------------------------------
+if [ "$backend" = cuda ]; then
+  build="build-bench-cuda"
+  cmake -S . -B "$build" -DPICKORA_CUDA=ON -DPICKORA_TESTS=OFF -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_CUDA_ARCHITECTURES="${PICKORA_CUDA_ARCHS:-90}" -DCMAKE_CXX_FLAGS=-DPICKORA_STEP_TIMES=1 >"$out/cmake.log"
+  targets=(pickora-cuda pickora-simulate)
+  picker=$build/bin/pickora-cuda
+  cuda_home=${CUDA_HOME:-/usr/local/cuda}
+  fft_flags=(-DPICKORA_BACKEND_CUDA=1 -I"$cuda_home/include")
+  fft_libs=("$build/libpickora_cuda.a" -L"$cuda_home/lib64" -lcufft -lcudart)
+else
+  build="build-bench"
+  cmake -S . -B "$build" -DPICKORA_CUDA=OFF -DPICKORA_TESTS=OFF -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_CXX_FLAGS=-DPICKORA_STEP_TIMES=1 >"$out/cmake.log"
+  targets=(pickora pickora-simulate)
+  picker=$build/bin/pickora
+  fft_flags=(-DPICKORA_BACKEND_CUDA=0 -Isrc/host_device/include)
+  # shellcheck disable=SC2207
+  fft_libs=("$build/libpickora_cpu.a" $(pkg-config --libs fftw3f) -lfftw3f_omp)
+fi
+cmake --build "$build" -j"$(getconf _NPROCESSORS_ONLN)" --target "${targets[@]}" >"$out/build.log" 2>&1 ||
+  { tail -30 "$out/build.log"; exit 1; }
+simulate=$build/bin/pickora-simulate
+fft_pair=$build/bin/fft_pair
+g++ -O3 -DNDEBUG -std=c++17 -fopenmp -ffp-contract=off -Iinclude "${fft_flags[@]}" bench/fft_pair.cpp \
+  "${fft_libs[@]}" -lm -o "$fft_pair"
+
+# ---- Data -----------------------------------------------------------------------------------
+# Micrographs at 1.5 A per pixel with particles of 150 A; templates at the same pixel size.
+apix=1.5
+diameter=150
+if [ $quick = 1 ]; then big_n=2; small_n=3; base_ang=20; else big_n=4; small_n=6; base_ang=5; fi
+
+# sim_set NAME ARGS...: the set in $out/data/NAME, made again only when its arguments change.
+sim_set() {
+  local name=$1; shift
+  local dir=$out/data/$name args="--apix $apix --diameter $diameter --seed 1 $*"
+  if [ ! -f "$dir/stamp" ] || [ "$(cat "$dir/stamp")" != "$args" ]; then
+    rm -rf "$dir"
+    # shellcheck disable=SC2086
+    "$simulate" --out "$dir" $args >"$out/sim_$name.log"
+    echo "$args" >"$dir/stamp"
+  fi
+}
+sim_set s4096_t8 --size 4096 --templates 8 --n $big_n
+sim_set s3838_t8 --nx 3838 --ny 3710 --templates 8 --n $big_n
+sim_set s1024_t8 --size 1024 --templates 8 --n $small_n
+sim_set s4096_t1 --size 4096 --templates 1 --n $big_n
+[ $quick = 1 ] || sim_set s4096_t4 --size 4096 --templates 4 --n $big_n
+
+# ---- Cases ----------------------------------------------------------------------------------
+# One case a line: label | set | templates (0: the generated blob) | angle step | speed. A case
+# that repeats an earlier one (same set and options) is reported from that run.
+cases=(
+  "4096x4096, 8 templates|s4096_t8|8|$base_ang|2"
+  "3838x3710, 8 templates|s3838_t8|8|$base_ang|2"
+  "1024x1024, 8 templates|s1024_t8|8|$base_ang|2"
+  "4096x4096, generated blob|s4096_t8|0|$base_ang|2"
+  "templates: 1|s4096_t1|1|$base_ang|2"
+)
+[ $quick = 1 ] || cases+=("templates: 4|s4096_t4|4|$base_ang|2")
+cases+=("templates: 8|s4096_t8|8|$base_ang|2")
+[ $quick = 1 ] || cases+=("angle step 20|s4096_t8|8|20|2" "angle step 10|s4096_t8|8|10|2")
+cases+=("angle step $base_ang|s4096_t8|8|$base_ang|2" "speed 3, 1 template|s4096_t1|1|$base_ang|3"
+        "speed 2, 1 template|s4096_t1|1|$base_ang|2")
+[ $quick = 1 ] || cases+=("speed 1, 1 template|s4096_t1|1|$base_ang|1")
+
+shrink_of_speed=(1 2 4 6 8)
+# work_size SET SPEED: the side of the even square work image, as the driver computes it.
+work_size() {
+  local nx ny larger shrink=${shrink_of_speed[$2]}
+  read -r nx ny < <(od -An -t d4 -N 8 "$out/data/$1/mic_0000.mrc")
+  larger=$(( nx > ny ? nx : ny ))
+  echo $(( 2 * (larger / (2 * shrink)) ))
+}
+# The driver's angle loop: a = 0, a + step, ... while a < 360; the generated blob has one angle.
+angles_of() { awk -v t="$1" -v a="$2" 'BEGIN { n = 0; if (t == 0) n = 1; else for (x = 0; x < 360; x += a) n++; print n }'; }
+dir_of() { echo "$out/runs/$(tr -c 'a-zA-Z0-9\n' '_' <<<"$1")"; }
+
+# ---- Timing ---------------------------------------------------------------------------------
+# Busy clock ticks of all cores since boot: user, nice, system, irq, softirq, steal.
+cpu_busy_ticks() { awk '/^cpu / { print $2 + $3 + $4 + $7 + $8 + $9 }' /proc/stat; }
+
+# timed DIR COMMAND...: runs the command in DIR under /usr/bin/time -v, standard output into
+# stdout.log and standard error into stderr.log; writes DIR/other_load, the cores that other
+# processes kept busy meanwhile.
+timed() {
+  local dir=$1; shift
+  local busy_before start
+  busy_before=$(cpu_busy_ticks); start=$(date +%s.%N)
+  (cd "$dir" && "$timer" -v -o time.txt "$@" >stdout.log 2>stderr.log) ||
+    { echo "bench: $1 failed in $dir" >&2; tail -5 "$dir/stdout.log" "$dir/stderr.log" >&2; exit 1; }
+  awk -F': ' -v busy="$(( $(cpu_busy_ticks) - busy_before ))" -v hz="$(getconf CLK_TCK)" \
+    -v now="$(date +%s.%N)" -v start="$start" '
+    /User time|System time/ { own += $2 }
+    END { o = (busy / hz - own) / (now - start); printf "%.2f\n", o < 0 ? 0 : o }' "$dir/time.txt" >"$dir/other_load"
+}
+peak_rss_mib() { awk -F': ' '/Maximum resident/ { printf "%.0f", $2 / 1024 }' "$1/time.txt"; }
+
+# ---- FFT pairs, before and after the runs -------------------------------------------------
+size_list=1024
+for c in "${cases[@]}"; do
+  IFS='|' read -r _ set _ _ speed <<<"$c"
+  size_list="$size_list $(work_size "$set" "$speed")"
+done
+mapfile -t sizes < <(tr ' ' '\n' <<<"$size_list" | sort -nu)
+min_seconds=2; [ $quick = 1 ] && min_seconds=0.3
+fft_run() {
+  rm -rf "${out:?}/$1"; mkdir -p "$out/$1"
+  timed "$out/$1" "$root/$fft_pair" --min_seconds $min_seconds "${sizes[@]}"
+  cat "$out/$1/stdout.log"
+}
+# The floor takes the lower of the two medians: a neighbour's load only ever slows one down.
+pair_ms() {
+  awk -v n="$1" '{ split($2, a, "="); split($4, b, "=") }
+                 a[2] == n && (best == "" || b[2] + 0 < best + 0) { best = b[2] }
+                 END { print best }' "$out"/fft_before/stdout.log "$out"/fft_after/stdout.log
+}
+load_before=$(cut -d' ' -f1-3 /proc/loadavg)
+fft_run fft_before
+
+# ---- Runs -----------------------------------------------------------------------------------
+# run_case LABEL SET TEMPLATES ANG SPEED: pickora over the set's micrographs in a folder of its
+# own (links to the micrographs, so the outputs of different cases never meet); one line of
+# seconds per micrograph into rows.tsv, made into the table once the FFT floor is known.
+rows=$out/rows.tsv
+: >"$rows"
+declare -A first_label
+run_case() {
+  local label=$1 set=$2 t=$3 ang=$4 speed=$5
+  local key="$set $t $ang $speed"
+  if [ -n "${first_label[$key]:-}" ]; then
+    local row
+    row=$(awk -F'\t' -v OFS='\t' -v old="${first_label[$key]}" -v new="$label (same run as above)" \
+      '$1 == old { $1 = new; print; exit }' "$rows")
+    echo "$row" >>"$rows"
+    return
+  fi
+  first_label[$key]=$label
+  local data=$out/data/$set dir mic mics=()
+  dir=$(dir_of "$label")
+  rm -rf "$dir"; mkdir -p "$dir"
+  for mic in "$data"/mic_*.mrc; do ln -s "$mic" "$dir/"; mics+=("$(basename "$mic")"); done
+  local args=(--apixM "$apix" --diameter "$diameter" --min_dist "$diameter" --ang_step "$ang" --speed "$speed")
+  [ "$t" = 0 ] || args+=(--T "$data/templates.mrcs")
+  timed "$dir" "$root/$picker" "${args[@]}" "${mics[@]}"
+  # Steady state: every micrograph but the first (mic 0). Step groups: reading = the micrograph
+  # steps up to the READING line; conditioning = the rest of them; matching = step 27; peaks =
+  # the other per-template steps; writing = the steps after the last template (box filter).
+  awk -v label="$label" -v work="$(work_size "$set" "$speed")" -v t="$t" -v angles="$(angles_of "$t" "$ang")" \
+      -v rss="$(peak_rss_mib "$dir")" -v others="$(cat "$dir/other_load")" '
+    $1 != "pickora-step" || $3 == 0 || $2 == "preparation" { next }
+    {
+      m = $3; s = $5; seen[m] = 1; total[m] += s
+      if ($2 == "micrograph" && $4 <= 9) c = "read"; else if ($2 == "micrograph") c = "cond"
+      else if ($2 == "template" && $4 == 27) c = "match"; else if ($2 == "template") c = "peaks"; else c = "write"
+      sum[c] += s
+    }
+    END {
+      n = 0; lo = 1e30; hi = 0
+      for (m in seen) { n++; if (total[m] < lo) lo = total[m]; if (total[m] > hi) hi = total[m] }
+      tot = (sum["read"] + sum["cond"] + sum["match"] + sum["peaks"] + sum["write"]) / n
+      printf "%s\t%d\t%s\t%d\t%d\t%.3f\t%.3f\t%.3f\t%.3f\t%.3f\t%.3f\t%.2f\t%.2f\t%s\t%s\n", label, n, t, angles,
+        work, sum["read"] / n, sum["cond"] / n, sum["match"] / n, sum["peaks"] / n, sum["write"] / n, tot, lo, hi,
+        rss, others
+    }' "$dir/stderr.log" >>"$rows"
+  echo "$label: $(tail -1 "$rows" | cut -f11) s per micrograph, other load $(cat "$dir/other_load")"
+}
+for c in "${cases[@]}"; do
+  IFS='|' read -r label set t ang speed <<<"$c"
+  run_case "$label" "$set" "$t" "$ang" "$speed"
+done
+fft_run fft_after
+load_after=$(cut -d' ' -f1-3 /proc/loadavg)
+
+# ---- Report ---------------------------------------------------------------------------------
+fft_table() {
+  paste -d' ' "$out/fft_before/stdout.log" "$out/fft_after/stdout.log" | awk -v ob="$(cat "$out/fft_before/other_load")" \
+    -v oa="$(cat "$out/fft_after/other_load")" '
+    { for (i = 1; i <= NF; ++i) { split($i, a, "="); v[i] = a[2] }
+      printf "| %s | %s (%s, %s) | %s (%s, %s) |\n", v[2], v[4], v[5], v[3], v[9], v[10], v[8] }
+    END { printf "| other load | %s | %s |\n", ob, oa }'
+}
+case_table() {
+  local label n t angles work read cond match peaks write tot lo hi rss others
+  while IFS=$'\t' read -r label n t angles work read cond match peaks write tot lo hi rss others; do
+    awk -v t="$t" -v a="$angles" -v p="$(pair_ms "$work")" -v m="$match" -v rss="$rss" -v others="$others" \
+        -v row="| $label | $n | $([ "$t" = 0 ] && echo blob || echo "$t") | $angles | $work | $read | $cond | $match | $peaks | $write | **$tot** ($lo-$hi) |" \
+      'BEGIN { floor = (t == 0 ? 1 : t) * a * p / 1e3; printf "%s %.3f | %.1f | %s | %s |\n", row, floor, m / floor, rss, others }'
+  done <"$rows"
+}
+# Per step, for the first case: where the seconds of one micrograph go.
+step_table() {
+  awk '
+    $1 != "pickora-step" || $3 == 0 || $2 == "preparation" { next }
+    {
+      key = $2 " " $4; what = $6; for (i = 7; i <= NF; ++i) what = what " " $i
+      name[key] = what; sum[key] += $5; mics[$3] = 1
+      if (!(key in order)) { order[key] = ++count; byorder[count] = key }
+    }
+    END {
+      n = 0; for (m in mics) n++
+      for (i = 1; i <= count; ++i) { k = byorder[i]; split(k, p, " ")
+        if (sum[k] / n >= 0.0005) printf "| %s %s | %s | %.3f |\n", p[1], p[2], name[k], sum[k] / n }
+    }' "$(dir_of "$(cut -d'|' -f1 <<<"${cases[0]}")")/stderr.log"
+}
+{
+  echo "## Benchmark, $(date +%Y-%m-%d), backend $backend$([ $quick = 1 ] && echo ', quick')"
+  echo
+  echo "Machine: $(getconf _NPROCESSORS_ONLN) cores ($(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')),"\
+       "$(awk '/MemTotal/ { printf "%.1f GiB", $2 / 1048576 }' /proc/meminfo) memory; OMP_NUM_THREADS=${OMP_NUM_THREADS:-unset};"\
+       "load average before $load_before, after $load_after."
+  if [ "$backend" = cuda ] && command -v nvidia-smi >/dev/null; then echo "GPU: $(nvidia-smi -L | head -1)"; fi
+  echo "Options: --apixM $apix --diameter $diameter --min_dist $diameter, plus each case's --T, --ang_step, --speed."
+  echo
+  echo "One forward+inverse FFT pair at each work size (bench/fft_pair.cpp, plans made once):"
+  echo
+  echo "| N | before the runs: ms per pair, median (mean, pairs timed) | after the runs: the same |"
+  echo "|---|---|---|"
+  fft_table
+  echo
+  echo "Seconds per micrograph, mean over the micrographs after the first (n), from the step timers;"
+  echo "FFT floor = templates x angles x one pair at the work size (the lower median above); peak RSS"
+  echo "of the whole run; other load = cores kept busy by other processes during the run."
+  echo
+  echo "| case | n | templates | angles | work size | reading | conditioning | matching | peaks | writing | total (min-max) | FFT floor | matching / floor | peak RSS MiB | other load |"
+  echo "|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|"
+  case_table
+  echo
+  echo "Steps of the first case, seconds per micrograph (steps under 0.5 ms left out):"
+  echo
+  echo "| table step | what | seconds |"
+  echo "|---|---|---|"
+  step_table
+} >"$out/results.md"
+echo
+cat "$out/results.md"
