@@ -9,25 +9,9 @@
 
 #include "cuda_general/cuda_general.h"
 #include "pickora56/grid_peaks.h"
+#include "support/device_data.h"
 
 namespace {
-
-template <class T>
-T* to_device(const std::vector<T>& h) {
-  T* d = nullptr;
-  safe_cudaMalloc(&d, sizeof(T) * (h.empty() ? 1 : h.size()));
-  if (!h.empty()) {
-    EXPECT_EQ(memcpy_H2D(d, h.data(), sizeof(T) * h.size()), cudaSuccess);
-  }
-  return d;
-}
-
-template <class T>
-std::vector<T> to_host(const T* d, size_t n) {
-  std::vector<T> h(n);
-  EXPECT_EQ(memcpy_D2H(h.data(), d, sizeof(T) * n), cudaSuccess);
-  return h;
-}
 
 struct Peak {
   int x, y;

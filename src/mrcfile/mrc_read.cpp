@@ -371,15 +371,6 @@ float* mrcf_get_zdata_all(const char* path) {
   return data;
 }
 
-int mrcf_read_all(const char* path, float* dst) {
-  FILE* f = open_for_reading(path, __func__, __LINE__);
-  MRC_HEAD head;
-  mrc_read_head(f, &head);
-  int result = mrc_read_all(f, &head, dst);
-  std::fclose(f);
-  return result;
-}
-
 int mrcf_get_head_data(const char* path, MRC_HEAD* head, float* dst) {
   FILE* f = open_for_reading(path, __func__, __LINE__);
   mrc_read_head(f, head);
@@ -387,6 +378,26 @@ int mrcf_get_head_data(const char* path, MRC_HEAD* head, float* dst) {
   std::fclose(f);
   return result;
 }
+
+int mrcf_read_all(const char* path, float* dst) {
+  MRC_HEAD head;
+  return mrcf_get_head_data(path, &head, dst);
+}
+
+namespace {
+
+// Fills the head, then reads all data without the size check when the sizes are the expected
+// ones (nz of -1: any); -1 without a message otherwise.
+int read_head_data_if_sizes(const char* path, MRC_HEAD* head, float* dst, int nx, int ny, int nz, const char* func) {
+  FILE* f = open_for_reading(path, func, __LINE__);
+  mrc_read_head(f, head);
+  int result = -1;
+  if (head->nx == nx && head->ny == ny && (nz < 0 || head->nz == nz)) result = mrc_read_all_nocheck(f, head, dst);
+  std::fclose(f);
+  return result;
+}
+
+}  // namespace
 
 int mrcf_read_head_data_nocheck(const char* path, MRC_HEAD* head, float* dst) {
   FILE* f = open_for_reading(path, __func__, __LINE__);
@@ -397,21 +408,11 @@ int mrcf_read_head_data_nocheck(const char* path, MRC_HEAD* head, float* dst) {
 }
 
 int mrcf_read_head_data_check_xyz(const char* path, MRC_HEAD* head, float* dst, int nx, int ny, int nz) {
-  FILE* f = open_for_reading(path, __func__, __LINE__);
-  mrc_read_head(f, head);
-  int result = -1;
-  if (head->nx == nx && head->ny == ny && head->nz == nz) result = mrc_read_all_nocheck(f, head, dst);
-  std::fclose(f);
-  return result;
+  return read_head_data_if_sizes(path, head, dst, nx, ny, nz < 0 ? 0 : nz, __func__);
 }
 
 int mrcf_read_head_data_check_xy(const char* path, MRC_HEAD* head, float* dst, int nx, int ny) {
-  FILE* f = open_for_reading(path, __func__, __LINE__);
-  mrc_read_head(f, head);
-  int result = -1;
-  if (head->nx == nx && head->ny == ny) result = mrc_read_all_nocheck(f, head, dst);
-  std::fclose(f);
-  return result;
+  return read_head_data_if_sizes(path, head, dst, nx, ny, -1, __func__);
 }
 
 int mrcf_read_data_check_xy(const char* path, float* dst, int nx, int ny) {

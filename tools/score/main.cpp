@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cuda_general/report.h"
+#include "../common/number_options.h"
 #include "score_io.h"
 #include "score_match.h"
 
@@ -36,14 +37,6 @@ void print_usage() {
       "  --psi_tol DEG        psi tolerance in degrees (10)\n"
       "  --help               this text\n"
       "Contamination areas come from STEM_areas.txt beside each STEM_truth.star.\n");
-}
-
-double parse_non_negative(const char* option, const char* text) {
-  char* end = nullptr;
-  const double v = std::strtod(text, &end);
-  if (end == text || *end != '\0' || !std::isfinite(v) || v < 0)
-    PK_FATAL("option %s takes a number of 0 or more, not '%s'", option, text);
-  return v;
 }
 
 ScoreOptions parse_command_line(int argc, char** argv) {

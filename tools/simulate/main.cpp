@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cuda_general/report.h"
+#include "../common/number_options.h"
 #include "sim_output.h"
 #include "sim_scene.h"
 
@@ -52,31 +53,6 @@ void print_usage() {
       "  --carbon_noise F     noise sigma on the carbon relative to the ice (1.8)\n"
       "  --seed N             random seed; the same seed gives the same bytes (1)\n"
       "  --help               this text\n");
-}
-
-double parse_number(const char* option, const char* text) {
-  char* end = nullptr;
-  const double v = std::strtod(text, &end);
-  if (end == text || *end != '\0' || !std::isfinite(v)) PK_FATAL("option %s takes a number, not '%s'", option, text);
-  return v;
-}
-
-int parse_int(const char* option, const char* text, int lo, int hi) {
-  const double v = parse_number(option, text);
-  if (v != std::floor(v) || v < lo || v > hi) PK_FATAL("option %s takes a whole number from %d to %d, not '%s'", option, lo, hi, text);
-  return static_cast<int>(v);
-}
-
-double parse_positive(const char* option, const char* text) {
-  const double v = parse_number(option, text);
-  if (!(v > 0)) PK_FATAL("option %s must be above 0, not '%s'", option, text);
-  return v;
-}
-
-double parse_non_negative(const char* option, const char* text) {
-  const double v = parse_number(option, text);
-  if (v < 0) PK_FATAL("option %s must not be negative, not '%s'", option, text);
-  return v;
 }
 
 // Applies one option with its value; false if the name is unknown.

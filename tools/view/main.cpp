@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "../common/contamination_areas.h"
+#include "../common/number_options.h"
 #include "boxfile/ptcl_box.h"
 #include "cuda_general/report.h"
 #include "mrcfile/mrcfile.h"
@@ -55,14 +56,6 @@ void print_usage() {
       "  --radius_px R       circle radius in micrograph pixels, instead of --diameter\n"
       "  --max_size N        longest side of the micrograph panel in pixels (1024)\n"
       "  --help              this text\n");
-}
-
-double parse_positive(const char* option, const char* text) {
-  char* end = nullptr;
-  const double v = std::strtod(text, &end);
-  if (end == text || *end != '\0' || !std::isfinite(v) || v <= 0)
-    PK_FATAL("option %s takes a number above 0, not '%s'", option, text);
-  return v;
 }
 
 ViewOptions parse_command_line(int argc, char** argv) {
