@@ -2,11 +2,11 @@
 // come back as picks, with their angles, and nothing may be picked on contamination.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <map>
 #include <sstream>
 #include <string>
 
+#include "support/run_command.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -16,16 +16,8 @@ std::string bin(const std::string& name) {
   return std::string(PICKORA_BIN_DIR) + "/" + name + (cuda && name == "pickora" ? "-cuda" : "");
 }
 
-// Runs a shell command in dir; returns its exit status and keeps its output for messages.
-int run_in(const TempDir& dir, const std::string& command, std::string* output) {
-  const std::string full = "cd '" + dir.path() + "' && " + command + " 2>&1";
-  FILE* pipe = popen(full.c_str(), "r");
-  if (pipe == nullptr) return -1;
-  char buffer[4096];
-  output->clear();
-  while (std::fgets(buffer, sizeof(buffer), pipe) != nullptr) *output += buffer;
-  return pclose(pipe);
-}
+// The start of a command line that runs in the test's folder.
+std::string in_dir(const TempDir& dir) { return "cd '" + dir.path() + "' && "; }
 
 // The key=value pairs of the scorer's last line.
 std::map<std::string, double> score_values(const std::string& output) {
@@ -53,15 +45,15 @@ struct Scene {
 
 void simulate_and_pick(const TempDir& dir, const Scene& scene, std::string* log) {
   std::string out;
-  EXPECT_EQ(run_in(dir, bin("pickora-simulate") + " --out sim " + scene.simulate, &out), 0) << out;
+  EXPECT_EQ(run_command(in_dir(dir) + bin("pickora-simulate") + " --out sim " + scene.simulate, out), 0) << out;
   *log = out;
-  EXPECT_EQ(run_in(dir, "cd sim && " + bin("pickora") + " " + scene.pick + " mic_*.mrc", &out), 0) << out;
+  EXPECT_EQ(run_command(in_dir(dir) + "cd sim && " + bin("pickora") + " " + scene.pick + " mic_*.mrc", out), 0) << out;
   *log += out;
 }
 
 std::map<std::string, double> score(const TempDir& dir, const std::string& psi_tolerance, std::string* log) {
   std::string out;
-  EXPECT_EQ(run_in(dir, bin("pickora-score") + " --dir sim --psi_tol " + psi_tolerance, &out), 0) << out;
+  EXPECT_EQ(run_command(in_dir(dir) + bin("pickora-score") + " --dir sim --psi_tol " + psi_tolerance, out), 0) << out;
   *log += out;
   return score_values(out);
 }

@@ -15,6 +15,7 @@
 
 #include "boxfile/ptcl_box.h"
 #include "mrcfile/mrcfile.h"
+#include "support/run_command.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -22,17 +23,6 @@ namespace {
 constexpr double kPi = 3.141592653589793;
 
 std::string tool(const std::string& name) { return std::string(PICKORA_BIN_DIR) + "/" + name; }
-
-// Runs a command line; returns its exit status and puts stdout and stderr into output.
-int run(const std::string& command, std::string& output) {
-  output.clear();
-  std::FILE* p = popen((command + " 2>&1").c_str(), "r");
-  if (p == nullptr) return -1;
-  char buf[4096];
-  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) output.append(buf, n);
-  const int status = pclose(p);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 class ToolTest : public ::testing::Test {
  protected:
@@ -44,7 +34,7 @@ class ToolTest : public ::testing::Test {
   // Simulates one micrograph into dir with the given extra options; fails the test on error.
   void simulate(const std::string& dir, const std::string& options) {
     std::string out;
-    ASSERT_EQ(run(tool("pickora-simulate") + " --out " + dir + " " + options, out), 0) << out;
+    ASSERT_EQ(run_command(tool("pickora-simulate") + " --out " + dir + " " + options, out), 0) << out;
   }
 };
 
@@ -229,7 +219,7 @@ TEST_F(ToolTest, ScorerCountsMatchesDuplicatesContaminationAndAnglesAndRefusesAn
     const std::string args = c.by_folder ? "--dir " + tmp.path()
                                          : tmp.file(c.picks_name) + " " + tmp.file("m_truth.star");
     std::string out;
-    ASSERT_EQ(run(tool("pickora-score") + " --psi_tol 10 " + args, out), 0) << out;
+    ASSERT_EQ(run_command(tool("pickora-score") + " --psi_tol 10 " + args, out), 0) << out;
     std::map<std::string, std::string> s = summary_of(out);
     const std::map<std::string, std::string> want = {
         {"micrographs", "1"}, {"truth", "3"},        {"picks", "5"},       {"tp", "2"},
@@ -238,7 +228,7 @@ TEST_F(ToolTest, ScorerCountsMatchesDuplicatesContaminationAndAnglesAndRefusesAn
     for (const auto& [key, value] : want) EXPECT_EQ(s[key], value) << key << "\n" << out;
   }
   std::string out;
-  EXPECT_EQ(run(tool("pickora-score") + " only_one.star", out), 1);  // names come in pairs
+  EXPECT_EQ(run_command(tool("pickora-score") + " only_one.star", out), 1);  // names come in pairs
   EXPECT_NE(out.find("pairs"), std::string::npos) << out;
 }
 

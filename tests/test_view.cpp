@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "mrcfile/mrcfile.h"
+#include "support/run_command.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -21,16 +22,6 @@ constexpr int kPickX = 20, kPickY = 24, kRadius = 8;  // micrograph pixels
 constexpr int kCellX = 40, kCellY = 8, kCellSide = 16;
 
 std::string view_tool() { return std::string(PICKORA_BIN_DIR) + "/pickora-view"; }
-
-int run(const std::string& command, std::string& output) {
-  output.clear();
-  std::FILE* p = popen((command + " 2>&1").c_str(), "r");
-  if (p == nullptr) return -1;
-  char buf[4096];
-  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) output.append(buf, n);
-  const int status = pclose(p);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 struct Png {
   int width = 0, height = 0;
@@ -72,7 +63,7 @@ class ViewTest : public ::testing::Test {
   Png render(const std::string& options) {
     std::string out;
     const std::string png = dir.file("mic.png");
-    EXPECT_EQ(run(view_tool() + " " + dir.file("mic.mrc") + " --picks " + dir.file("mic_pickora.star") +
+    EXPECT_EQ(run_command(view_tool() + " " + dir.file("mic.mrc") + " --picks " + dir.file("mic_pickora.star") +
                       " --rejected " + dir.file("mic_rejected.box") + " --radius_px " + std::to_string(kRadius) +
                       " --out " + png + " " + options,
                   out),
@@ -137,7 +128,7 @@ TEST_F(ViewTest, MissingInputsFailWithAClearMessage) {
                         Case{mic + " --rejected " + dir.file("mic_pickora.star"), ".box"},
                         Case{"--picks " + dir.file("mic_pickora.star"), "no micrograph"}}) {
     std::string out;
-    EXPECT_NE(run(view_tool() + " " + c.options + " --out " + dir.file("x.png"), out), 0) << c.options;
+    EXPECT_NE(run_command(view_tool() + " " + c.options + " --out " + dir.file("x.png"), out), 0) << c.options;
     EXPECT_NE(out.find(c.message), std::string::npos) << out;
   }
 }
