@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -134,6 +136,45 @@ TEST(UpdateCcmax, OnlyAStrictlyLargerValueReplacesTheMaximumAndItsAngle) {
   for (float* d : {ccmax, cc_only, c, psi}) cudaFree(d);
 }
 
+// A batch of angles must leave the maps exactly as the same angles one at a time: ties keep the
+// earlier angle, NaN never wins, and a short batch repeats its last entry harmlessly.
+TEST(UpdateCcmax, ABatchOfAnglesEqualsTheSameAnglesOneAtATime) {
+  const int nx = 37, ny = 5, n = nx * ny;
+  std::vector<std::vector<float>> corr;
+  for (int j = 0; j < kAngleBatch; ++j) {
+    std::vector<float> c = random_image(n, 60 + j);
+    for (int i = 0; i < n; i += 7) c[i] = NAN;
+    for (int i = 3; i < n; i += 5) c[i] = 0.25f;  // ties between angles and with the start
+    corr.push_back(c);
+  }
+  std::vector<float> start = random_image(n, 70);
+  for (int i = 0; i < n; i += 4) start[i] = -INFINITY;
+  for (int i = 3; i < n; i += 10) start[i] = 0.25f;
+  for (int count : {kAngleBatch, 1}) {
+    float *one = to_device(start), *psi_one = to_device(std::vector<float>(n, -1.0f));
+    float *batched = to_device(start), *psi_batched = to_device(std::vector<float>(n, -1.0f));
+    float *cc_only = to_device(start);
+    std::vector<float*> d_corr;
+    AngleBatch batch{};
+    for (int j = 0; j < kAngleBatch; ++j) {
+      const int src = std::min(j, count - 1);
+      if (j < count) d_corr.push_back(to_device(corr[j]));
+      batch.correlation[j] = d_corr[src];
+      batch.degrees[j] = 10.0f * src;
+    }
+    for (int j = 0; j < count; ++j) hcuda_update_ccmax_psi_2d(one, d_corr[j], psi_one, 10.0f * j, nx, ny);
+    hcuda_update_ccmax_psi_2d_batch(batched, batch, psi_batched, nx, ny);
+    hcuda_update_ccmax_psi_2d_batch(cc_only, batch, nullptr, nx, ny);
+    const std::vector<float> want = to_host(one, n), want_psi = to_host(psi_one, n);
+    const std::vector<float> got = to_host(batched, n), got_only = to_host(cc_only, n);
+    EXPECT_EQ(0, std::memcmp(got.data(), want.data(), n * sizeof(float))) << count;  // NaN-proof
+    EXPECT_EQ(0, std::memcmp(got_only.data(), want.data(), n * sizeof(float))) << count;
+    EXPECT_EQ(to_host(psi_batched, n), want_psi) << count;
+    for (float* d : d_corr) cudaFree(d);
+    for (float* d : {one, psi_one, batched, psi_batched, cc_only}) cudaFree(d);
+  }
+}
+
 TEST(AngleLoop, CountsAnglesBelowTheEndAndRefusesLoopsThatNeverEnd) {
   EXPECT_EQ(matching_angle_count(0.0f, 359.0f, 5.0f), 72);
   EXPECT_EQ(matching_angle_count(0.0f, 359.0f, 1.0f), 359);
@@ -222,6 +263,56 @@ TEST(Matching, KeptWorkspaceGivesTheSameMapsAsFreshScratch) {
   const Maps fresh = run_matching(small, 45.0f, 359.0f);
   EXPECT_EQ(kept.ccmax, fresh.ccmax);
   EXPECT_EQ(kept.psi, fresh.psi);
+}
+
+// Kept template spectra give the maps of a fresh call, byte for byte, on the call that makes them
+// and on later ones; a different template gets spectra of its own, also at the same address;
+// with no budget, or too little, nothing is kept and the maps stay the same.
+TEST(Matching, KeptTemplateSpectraGiveTheSameBytes) {
+  Problem p{32, random_image(32 * 32, 81), std::vector<float>(32 * 32, 1.0f), 9, random_image(81, 82), 2.0f};
+  Problem other = p;
+  other.T = random_image(81, 83);
+  other.mic = random_image(32 * 32, 84);
+  const float step = 70.0f;  // 6 angles: a full batch and a short one
+  const Maps fresh = run_matching(p, step, 359.0f), fresh_other = run_matching(other, step, 359.0f);
+
+  MatchWorkspace ws{};
+  const Maps first = run_matching(p, step, 359.0f, &ws);
+  ASSERT_EQ(ws.kept.size(), 1u);
+  const Maps again = run_matching(p, step, 359.0f, &ws);
+  const Maps switched = run_matching(other, step, 359.0f, &ws);
+  EXPECT_EQ(ws.kept.size(), 2u);
+  EXPECT_EQ(ws.kept_bytes, 2 * 6 * size_t(17) * 32 * sizeof(float2));
+  for (const Maps* m : {&first, &again}) {
+    EXPECT_EQ(m->ccmax, fresh.ccmax);
+    EXPECT_EQ(m->psi, fresh.psi);
+  }
+  EXPECT_EQ(switched.ccmax, fresh_other.ccmax);
+  EXPECT_EQ(switched.psi, fresh_other.psi);
+  match_workspace_release(&ws);
+
+  // 6 spectra of 129 x 256 take 1.5 MiB: a budget of 1 MiB keeps none, nor does one of 0.
+  Problem large{256, random_image(256 * 256, 85), std::vector<float>(256 * 256, 1.0f), 9, p.T, 2.0f};
+  const Maps fresh_large = run_matching(large, step, 359.0f);
+  for (const char* budget : {"0", "1"}) {
+    setenv("PICKORA_SPECTRA_MIB", budget, 1);
+    MatchWorkspace small{};
+    run_matching(large, step, 359.0f, &small);
+    const Maps m = run_matching(large, step, 359.0f, &small);
+    EXPECT_TRUE(small.kept.empty()) << budget;
+    EXPECT_EQ(m.ccmax, fresh_large.ccmax) << budget;
+    EXPECT_EQ(m.psi, fresh_large.psi) << budget;
+    match_workspace_release(&small);
+  }
+  unsetenv("PICKORA_SPECTRA_MIB");
+}
+
+TEST(MatchingDeathTest, RefusesABudgetThatIsNotAWholeNumber) {
+  for (const char* bad : {"lots", "-1", "12MB", "1e3"}) {
+    setenv("PICKORA_SPECTRA_MIB", bad, 1);
+    EXPECT_EXIT_REPORT(matching_spectra_budget(), "PICKORA_SPECTRA_MIB must be a whole number");
+  }
+  unsetenv("PICKORA_SPECTRA_MIB");
 }
 
 TEST(MatchingDeathTest, RefusesWhatHasNoResult) {

@@ -16,6 +16,9 @@
 
 #include <math.h>
 
+#include <cstddef>
+#include <vector>
+
 #include "cuda_general/platform.h"
 
 // ---- Kernels (one output element each) ---------------------------------------------------
@@ -86,6 +89,35 @@ PICKORA_HD inline void cuda_update_ccmax_2d(unsigned x, unsigned y, float* ccmax
   if (ccmax[i] < value) ccmax[i] = value;
 }
 
+// Consecutive angles whose correlations are made before the maps take them in, so that one pass
+// over ccmax and psi serves several angles. A batch always has kAngleBatch entries: a short one
+// repeats its last angle, which can never win against itself.
+constexpr int kAngleBatch = 4;
+struct AngleBatch {
+  const float* correlation[kAngleBatch];
+  float degrees[kAngleBatch];
+};
+
+// The batch's angles in their order, one after the other, exactly as single updates would take
+// them: a later angle wins only with a strictly larger value, and NaN never wins.
+PICKORA_HD inline void cuda_update_ccmax_psi_2d_batch(unsigned x, unsigned y, float* ccmax, AngleBatch batch,
+                                                      float* psi, int nx, int ny) {
+  if (x >= (unsigned)nx || y >= (unsigned)ny) return;
+  const unsigned i = y * (unsigned)nx + x;
+  const float old = ccmax[i];
+  float best = old, angle = 0.0f;
+  // Selects rather than branches, and every pixel written back (with its old values where no
+  // angle won): that is what lets the host compiler run pixels side by side in vector registers.
+  for (int j = 0; j < kAngleBatch; ++j) {
+    const float value = batch.correlation[j][i];
+    const bool larger = best < value;
+    best = larger ? value : best;
+    angle = larger ? batch.degrees[j] : angle;
+  }
+  ccmax[i] = best;
+  if (psi != nullptr) psi[i] = old < best ? angle : psi[i];
+}
+
 // ---- Launchers (32 x 32 blocks, wait, device check) ---------------------------------------
 
 // cos and sin are taken once per call on the host, so both backends turn by the same values.
@@ -95,6 +127,8 @@ void hcuda_x2d_cp_small_to_large_center(float* large, const float* small, int la
                                         int small_ny);
 void hcuda_update_ccmax_psi_2d(float* ccmax, const float* correlation, float* psi, float degrees, int nx, int ny);
 void hcuda_update_ccmax_2d(float* ccmax, const float* correlation, int nx, int ny);
+// psi may be null: then only ccmax is updated.
+void hcuda_update_ccmax_psi_2d_batch(float* ccmax, const AngleBatch& batch, float* psi, int nx, int ny);
 
 // ---- The angle loop -----------------------------------------------------------------------
 
@@ -102,22 +136,49 @@ void hcuda_update_ccmax_2d(float* ccmax, const float* correlation, int nx, int n
 // loop would never end (a step that is not positive, or one too small to move a).
 long matching_angle_count(float ang_start, float ang_end, float ang_step);
 
+// The spectra of one template at every angle of one angle loop, made on the first call that
+// meets the template and read by every later call with the same template, sizes and angles.
+struct TemplateSpectra {
+  std::vector<float> pixels;  // a host copy of the template they were made from
+  int tnx = 0, tny = 0;
+  float ang_start = 0.0f, ang_end = 0.0f, ang_step = 0.0f;
+  long angles = 0;
+  bool complete = false;      // false while the first call is still filling them
+  float2* spectra = nullptr;  // angles spectra of (nx / 2 + 1) by ny, one after the other
+};
+
 // Scratch for matching at one work-image size, kept across templates and micrographs so that the
 // plans and buffers are made once. Zero-initialise it (MatchWorkspace ws{}), pass it to the
 // matching calls, and release it with match_workspace_release. A call at another size rebuilds
 // it; a template of another size clears the padded image again.
+//
+// It also keeps the template spectra of every angle, which saves the rotation and the forward
+// transform of the template at every angle of every later micrograph. They take
+// angles x (nx / 2 + 1) x ny x 8 bytes per template; templates are kept while their total stays
+// within the budget (see matching_spectra_budget), and one that does not fit is transformed
+// at every angle as before. The results are the same bytes either way.
 struct MatchWorkspace {
   int nx = 0, ny = 0;                  // size of the image scratch; 0 before the first call
   int placed_nx = 0, placed_ny = 0;    // template size whose footprint the padded image holds
   float* padded = nullptr;             // nx by ny, zero outside the footprint
-  float* correlation = nullptr;        // nx by ny
+  float* correlation = nullptr;        // kAngleBatch maps of nx by ny
   float* rotated = nullptr;            // rotated template, rotated_capacity floats
   unsigned long rotated_capacity = 0;
   float2* mic_F = nullptr;             // (nx / 2 + 1) by ny spectra
   float2* T_F = nullptr;               // the template's spectrum, then the product in place
+  float2* cc_F = nullptr;              // kAngleBatch products with kept spectra
   cufftHandle r2c = 0, c2r = 0;
   bool has_plans = false;
+  std::vector<TemplateSpectra> kept;   // template spectra, at this size
+  std::size_t kept_bytes = 0;
+  std::size_t budget_bytes = 0;
+  bool has_budget = false;             // budget_bytes read from the environment
 };
+
+// Bytes of template spectra a workspace may keep: PICKORA_SPECTRA_MIB mebibytes when that is set
+// (0 keeps none), else 4096 MiB. A value that is not a whole number ends the run with a fatal
+// report.
+std::size_t matching_spectra_budget();
 void match_workspace_release(MatchWorkspace* ws);
 
 // Fills ccmax (and psi when do_psi is not 0 and psi is not null) for one template T of tnx by

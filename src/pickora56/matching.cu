@@ -1,7 +1,11 @@
 // Rotational matching: the angle loop over one template, its kernels and the scratch it keeps.
 #include "pickora56/matching.h"
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "cuda_fft/cuda_fft.h"
 #include "cuda_general/cuda_general.h"
@@ -41,6 +45,13 @@ void hcuda_update_ccmax_2d(float* ccmax, const float* correlation, int nx, int n
       PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_update_ccmax_2d(x, y, ccmax, correlation, nx, ny); });
 }
 
+void hcuda_update_ccmax_psi_2d_batch(float* ccmax, const AngleBatch& batch, float* psi, int nx, int ny) {
+  const AngleBatch b = batch;  // by value into the kernel
+  PK_LAUNCH_IMAGE(
+      static_cast<unsigned>(nx), static_cast<unsigned>(ny),
+      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_update_ccmax_psi_2d_batch(x, y, ccmax, b, psi, nx, ny); });
+}
+
 // ---- Angles ------------------------------------------------------------------------------
 
 long matching_angle_count(float ang_start, float ang_end, float ang_step) {
@@ -55,6 +66,18 @@ long matching_angle_count(float ang_start, float ang_end, float ang_step) {
 
 // ---- Workspace ---------------------------------------------------------------------------
 
+std::size_t matching_spectra_budget() {
+  constexpr unsigned long long kDefaultMib = 4096;
+  const char* text = std::getenv("PICKORA_SPECTRA_MIB");
+  if (text == nullptr || *text == '\0') return static_cast<std::size_t>(kDefaultMib << 20);
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long mib = std::strtoull(text, &end, 10);
+  if (*text < '0' || *text > '9' || *end != '\0' || errno != 0 || mib > (SIZE_MAX >> 20))
+    PK_FATAL("PICKORA_SPECTRA_MIB must be a whole number of mebibytes, not \"%s\"", text);
+  return static_cast<std::size_t>(mib << 20);
+}
+
 namespace {
 
 template <class T>
@@ -63,11 +86,23 @@ void free_device(T*& p) {
   p = nullptr;
 }
 
+std::size_t spectrum_values(const MatchWorkspace* ws) {
+  return static_cast<std::size_t>(fft_half_width(static_cast<unsigned>(ws->nx))) * static_cast<std::size_t>(ws->ny);
+}
+
+void release_kept_spectra(MatchWorkspace* ws) {
+  for (TemplateSpectra& k : ws->kept) free_device(k.spectra);
+  ws->kept.clear();
+  ws->kept_bytes = 0;
+}
+
 void release_image_scratch(MatchWorkspace* ws) {
+  release_kept_spectra(ws);
   free_device(ws->padded);
   free_device(ws->correlation);
   free_device(ws->mic_F);
   free_device(ws->T_F);
+  free_device(ws->cc_F);
   if (ws->has_plans) {
     hcuda_2d_fft_destroy(ws->r2c);
     hcuda_2d_fft_destroy(ws->c2r);
@@ -87,9 +122,10 @@ void prepare_workspace(MatchWorkspace* ws, int nx, int ny, int tnx, int tny) {
     const std::size_t pixels = static_cast<std::size_t>(ux) * uy;
     const std::size_t spectrum = static_cast<std::size_t>(fft_half_width(ux)) * uy;
     safe_cudaMalloc(&ws->padded, sizeof(float) * pixels);
-    safe_cudaMalloc(&ws->correlation, sizeof(float) * pixels);
+    safe_cudaMalloc(&ws->correlation, sizeof(float) * pixels * kAngleBatch);
     safe_cudaMalloc(&ws->mic_F, sizeof(float2) * spectrum);
     safe_cudaMalloc(&ws->T_F, sizeof(float2) * spectrum);
+    safe_cudaMalloc(&ws->cc_F, sizeof(float2) * spectrum * kAngleBatch);
     // One forward plan serves the image and the template: same size, same placement.
     ws->r2c = hcuda_2d_fft_plan(ux, uy, CUFFT_R2C);
     ws->c2r = hcuda_2d_fft_plan(ux, uy, CUFFT_C2R);
@@ -119,18 +155,85 @@ void check_matching_sizes(int nx, int ny, int tnx, int tny, float ang_start, flo
     PK_FATAL("The angle step %g never takes the angle from %g to %g", ang_step, ang_start, ang_end);
 }
 
+std::size_t image_values(const MatchWorkspace* ws) {
+  return static_cast<std::size_t>(ws->nx) * static_cast<std::size_t>(ws->ny);
+}
+
 // The correlation of mic with the template turned by `degrees`, unscaled sums of products with
-// the origin at pixel 0, into ws->correlation. ws->mic_F holds the image's spectrum.
-void correlate_at_angle(MatchWorkspace* ws, const float* T, int tnx, int tny, float degrees) {
+// the origin at pixel 0, into `correlation`. ws->mic_F holds the image's spectrum. When `keep`
+// is not null the template's spectrum is also copied there for later micrographs.
+void correlate_at_angle(MatchWorkspace* ws, const float* T, int tnx, int tny, float degrees, float2* keep,
+                        float* correlation) {
   const unsigned nx = static_cast<unsigned>(ws->nx), ny = static_cast<unsigned>(ws->ny);
   hcuda_2d_rotate(T, ws->rotated, static_cast<unsigned>(tnx), static_cast<unsigned>(tny), degrees);
   hcuda_x2d_cp_small_to_large_center(ws->padded, ws->rotated, ws->nx, ws->ny, tnx, tny);
   hcuda_2d_fft_exec_r2c(ws->r2c, ws->padded, ws->T_F);
+  if (keep != nullptr) PK_CUDA_CHECK(memcpy_D2D(keep, ws->T_F, sizeof(float2) * spectrum_values(ws)));
   // The product goes over the template's spectrum in place: each element is read before it is
   // written, and the spectrum is made again at the next angle.
   hcuda_c2d_multconj_norm(ws->mic_F, ws->T_F, ws->T_F, fft_half_width(nx), ny,
                           static_cast<float>(nx) * static_cast<float>(ny));
-  hcuda_2d_fft_exec_c2r(ws->c2r, ws->T_F, ws->correlation);
+  hcuda_2d_fft_exec_c2r(ws->c2r, ws->T_F, correlation);
+}
+
+// The products of the image's spectrum with `count` consecutive kept spectra into ws->cc_F, in
+// one pass over the image's spectrum: the same products, element for element, as one at a time.
+void multconj_kept(MatchWorkspace* ws, const float2* kept, int count) {
+  const unsigned nxh = fft_half_width(static_cast<unsigned>(ws->nx)), ny = static_cast<unsigned>(ws->ny);
+  const float norm = static_cast<float>(ws->nx) * static_cast<float>(ws->ny);
+  const std::size_t stride = spectrum_values(ws);
+  const float2* mic_F = ws->mic_F;
+  float2* out = ws->cc_F;
+  PK_LAUNCH_IMAGE(nxh, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
+    for (int j = 0; j < count; ++j)
+      cuda_c2d_multconj_norm(x, y, mic_F, kept + j * stride, out + j * stride, nxh, ny, norm);
+  });
+}
+
+bool same_loop(const TemplateSpectra& k, const std::vector<float>& pixels, int tnx, int tny, float ang_start,
+               float ang_end, float ang_step) {
+  // Bitwise, so that a template of NaNs still finds its own spectra and -0.0 is not 0.0.
+  return k.tnx == tnx && k.tny == tny && std::memcmp(&k.ang_start, &ang_start, sizeof(float)) == 0 &&
+         std::memcmp(&k.ang_end, &ang_end, sizeof(float)) == 0 &&
+         std::memcmp(&k.ang_step, &ang_step, sizeof(float)) == 0 &&
+         std::memcmp(k.pixels.data(), pixels.data(), pixels.size() * sizeof(float)) == 0;
+}
+
+// The kept spectra of this template and angle loop: complete ones to read, new ones to fill in
+// this call, or null when they are not kept (over the budget, or no memory for them).
+TemplateSpectra* kept_spectra_for(MatchWorkspace* ws, const float* T, int tnx, int tny, float ang_start,
+                                  float ang_end, float ang_step) {
+  if (!ws->has_budget) {
+    ws->budget_bytes = matching_spectra_budget();
+    ws->has_budget = true;
+  }
+  if (ws->budget_bytes == 0) return nullptr;
+  std::vector<float> pixels(static_cast<std::size_t>(tnx) * static_cast<std::size_t>(tny));
+  PK_CUDA_CHECK(memcpy_D2H(pixels.data(), T, pixels.size() * sizeof(float)));
+  for (TemplateSpectra& k : ws->kept)
+    if (k.complete && same_loop(k, pixels, tnx, tny, ang_start, ang_end, ang_step)) return &k;
+
+  const long angles = matching_angle_count(ang_start, ang_end, ang_step);
+  const std::size_t one = spectrum_values(ws) * sizeof(float2);
+  if (angles <= 0 || static_cast<std::size_t>(angles) > (ws->budget_bytes - ws->kept_bytes) / one) return nullptr;
+  const std::size_t bytes = one * static_cast<std::size_t>(angles);
+  float2* block = nullptr;
+  if (cudaMalloc(&block, bytes) != cudaSuccess) {
+    (void)cudaGetLastError();  // no room after all: this template is transformed at every angle
+    return nullptr;
+  }
+  TemplateSpectra k;
+  k.pixels = std::move(pixels);
+  k.tnx = tnx;
+  k.tny = tny;
+  k.ang_start = ang_start;
+  k.ang_end = ang_end;
+  k.ang_step = ang_step;
+  k.angles = angles;
+  k.spectra = block;
+  ws->kept.push_back(std::move(k));
+  ws->kept_bytes += bytes;
+  return &ws->kept.back();
 }
 
 // d = sqrt(Sm * St * area / W), multiplied left to right and divided last.
@@ -147,6 +250,7 @@ float matching_scale(const float* mic, const float* mask, int nx, int ny, const 
 
 void match_workspace_release(MatchWorkspace* ws) {
   release_image_scratch(ws);
+  ws->has_budget = false;
   free_device(ws->rotated);
   ws->rotated_capacity = 0;
 }
@@ -161,18 +265,42 @@ int pickora_ccmax_psi_by_one_template(MatchWorkspace* ws, float* mic, float* mas
   const bool with_psi = do_psi != 0 && psi != nullptr;
   const unsigned ux = static_cast<unsigned>(nx), uy = static_cast<unsigned>(ny);
 
+  TemplateSpectra* kept = kept_spectra_for(ws, T, tnx, tny, ang_start, ang_end, ang_step);
+  const bool read_kept = kept != nullptr && kept->complete;
+  const std::size_t spectrum = spectrum_values(ws);
+
   hcuda_2d_fft_exec_r2c(ws->r2c, mic, ws->mic_F);
   // With the map at minus infinity the first angle writes every pixel of both maps.
   hcuda_2d_memset(ccmax, -INFINITY, ux, uy);
-  for (float a = ang_start; ang_end > a; a = a + ang_step) {
-    std::printf(".");
-    std::fflush(stdout);
-    correlate_at_angle(ws, T, tnx, tny, a);
-    if (with_psi)
-      hcuda_update_ccmax_psi_2d(ccmax, ws->correlation, psi, a, nx, ny);
-    else
-      hcuda_update_ccmax_2d(ccmax, ws->correlation, nx, ny);
+  const std::size_t pixels = image_values(ws);
+  std::size_t k = 0;  // index of the batch's first angle
+  float a = ang_start;
+  while (ang_end > a) {
+    AngleBatch batch{};
+    int count = 0;
+    for (; count < kAngleBatch && ang_end > a; a = a + ang_step, ++count) {
+      batch.correlation[count] = ws->correlation + static_cast<std::size_t>(count) * pixels;
+      batch.degrees[count] = a;
+    }
+    for (int j = count; j < kAngleBatch; ++j) {
+      batch.correlation[j] = batch.correlation[count - 1];
+      batch.degrees[j] = batch.degrees[count - 1];
+    }
+    if (read_kept) multconj_kept(ws, kept->spectra + k * spectrum, count);
+    for (int j = 0; j < count; ++j) {
+      std::printf(".");
+      std::fflush(stdout);
+      float* correlation = ws->correlation + static_cast<std::size_t>(j) * pixels;
+      if (read_kept)
+        hcuda_2d_fft_exec_c2r(ws->c2r, ws->cc_F + static_cast<std::size_t>(j) * spectrum, correlation);
+      else
+        correlate_at_angle(ws, T, tnx, tny, batch.degrees[j],
+                           kept != nullptr ? kept->spectra + (k + j) * spectrum : nullptr, correlation);
+    }
+    hcuda_update_ccmax_psi_2d_batch(ccmax, batch, with_psi ? psi : nullptr, nx, ny);
+    k += static_cast<std::size_t>(count);
   }
+  if (kept != nullptr) kept->complete = true;
   std::printf("\n");
   std::fflush(stdout);
 
