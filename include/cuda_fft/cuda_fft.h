@@ -79,7 +79,9 @@ PICKORA_HD inline void cuda_c2d_multconj_norm_inplace(unsigned x, unsigned y, fl
 
 // Index of the partner of (x, y) under the half-image shift in both directions.
 PICKORA_HD inline unsigned fft_swap_index(unsigned x, unsigned y, unsigned nx, unsigned ny) {
-  return ((y + ny / 2) % ny) * nx + (x + nx / 2) % nx;
+  // (v + n / 2) % n for v < n, without a division per pixel.
+  const unsigned sx = x + nx / 2, sy = y + ny / 2;
+  return (sy >= ny ? sy - ny : sy) * nx + (sx >= nx ? sx - nx : sx);
 }
 
 // out[(y + ny/2) % ny][(x + nx/2) % nx] = in[y][x].
