@@ -4,13 +4,26 @@
 // placement and one alignment. So a handle keeps the size and type and makes the FFTW plan
 // for each placement and alignment it meets on first use, then executes it through FFTW's
 // new-array interface.
+//
+// Plans are made by FFTW's estimate unless PICKORA_FFTW_WISDOM names a file. Then they are
+// measured once and kept in that file, and every later plan of the same transform, in this
+// process or any other that names the file, is read from it. Measured plans are faster, but
+// their arithmetic depends on what the measurement chose, so results agree to the last bit
+// only between runs that share the same wisdom; estimated plans always agree.
 #include "host_cufft.h"
 
+#include <fcntl.h>
 #include <fftw3.h>
 #include <omp.h>
+#include <sys/file.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <mutex>
+#include <string>
 
 namespace {
 
@@ -40,6 +53,49 @@ std::map<cufftHandle, HostPlan>& plans() {
 }
 cufftHandle g_next_handle = 1;
 
+const char* wisdom_file() {
+  static const char* const name = [] {
+    const char* v = std::getenv("PICKORA_FFTW_WISDOM");
+    return v != nullptr && *v != '\0' ? v : nullptr;
+  }();
+  return name;
+}
+
+// Holds an exclusive lock on FILE.lock, so that processes sharing the wisdom measure each
+// transform once and then all read the same plan. Without a lock (an unwritable folder) each
+// process still reads what the file holds.
+class WisdomLock {
+ public:
+  explicit WisdomLock(const char* file) {
+    fd_ = open((std::string(file) + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd_ >= 0) flock(fd_, LOCK_EX);
+  }
+  ~WisdomLock() {
+    if (fd_ >= 0) close(fd_);  // closing releases the lock
+  }
+  WisdomLock(const WisdomLock&) = delete;
+  WisdomLock& operator=(const WisdomLock&) = delete;
+
+ private:
+  int fd_ = -1;
+};
+
+// Writes through a new file and a rename, so a reader never sees half a file.
+void save_wisdom(const char* file) {
+  const std::string tmp = std::string(file) + ".tmp" + std::to_string(getpid());
+  if (fftwf_export_wisdom_to_filename(tmp.c_str()) != 0 && std::rename(tmp.c_str(), file) == 0) return;
+  std::remove(tmp.c_str());
+  static bool warned = false;
+  if (!warned) std::fprintf(stderr, "pickora: cannot write the FFT wisdom file %s; plans are measured again next run\n", file);
+  warned = true;
+}
+
+fftwf_plan plan_fftw(const HostPlan& p, float* r, fftwf_complex* c, unsigned flags) {
+  fftwf_plan_with_nthreads(omp_get_max_threads());
+  return p.type == CUFFT_R2C ? fftwf_plan_dft_r2c_2d(p.rows, p.cols, r, c, flags)
+                             : fftwf_plan_dft_c2r_2d(p.rows, p.cols, c, r, flags);
+}
+
 fftwf_plan make_variant(const HostPlan& p, bool in_place, bool unaligned) {
   const std::size_t half = static_cast<std::size_t>(p.rows) * (p.cols / 2 + 1);
   const std::size_t real = in_place ? 2 * half : static_cast<std::size_t>(p.rows) * p.cols;
@@ -50,11 +106,20 @@ fftwf_plan make_variant(const HostPlan& p, bool in_place, bool unaligned) {
     if (!in_place) fftwf_free(c);
     return nullptr;
   }
-  // Planning by estimate never touches the arrays, so the scratch is never written.
-  unsigned flags = FFTW_ESTIMATE | (unaligned ? FFTW_UNALIGNED : 0u);
-  fftwf_plan_with_nthreads(omp_get_max_threads());
-  fftwf_plan plan = p.type == CUFFT_R2C ? fftwf_plan_dft_r2c_2d(p.rows, p.cols, r, c, flags)
-                                        : fftwf_plan_dft_c2r_2d(p.rows, p.cols, c, r, flags);
+  // The planner runs on scratch arrays of its own: measuring overwrites them.
+  const unsigned alignment = unaligned ? FFTW_UNALIGNED : 0u;
+  fftwf_plan plan = nullptr;
+  if (const char* file = wisdom_file()) {
+    // Measured on touched pages: first-touch faults would make the first candidates look slow.
+    std::memset(r, 0, sizeof(float) * real);
+    if (!in_place) std::memset(c, 0, sizeof(fftwf_complex) * half);
+    WisdomLock lock(file);
+    fftwf_import_wisdom_from_filename(file);  // absent the first time
+    plan = plan_fftw(p, r, c, FFTW_MEASURE | alignment);
+    save_wisdom(file);
+  } else {
+    plan = plan_fftw(p, r, c, FFTW_ESTIMATE | alignment);
+  }
   fftwf_free(r);
   if (!in_place) fftwf_free(c);
   return plan;
