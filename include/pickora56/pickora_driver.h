@@ -8,6 +8,7 @@
 #include "mrcfile/mrcfile.h"
 #include "pickora56/matching.h"
 #include "pickora56/pickora_para.h"
+#include "pickora56/read_ahead.h"
 
 // Sizes of the whole run; 32-bit signed, integer divisions truncate.
 struct Pickora_Sizes {
@@ -79,6 +80,7 @@ struct PickoraRun {
   float template_area;  // area term of the correlation scaling
   float* ccmax_stack;   // host, tnz * work_size^2: one ccmax map per template (write_ccmax_mic)
   MatchWorkspace match;  // plans and scratch of the matching, kept for the whole run
+  ReadAhead read_ahead;  // the next micrograph, read while this one is matched
 
   double t_run;  // start of the run
   double t_step;  // start of the current timed span

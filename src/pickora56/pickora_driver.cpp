@@ -20,6 +20,7 @@
 #include "pickora56/grid_peaks.h"
 #include "pickora56/matching.h"
 #include "pickora56/ice_detect.h"
+#include "pickora56/read_ahead.h"
 #include "pickora56/template_norm.h"
 #include "pickora56/templates.h"
 #include "process2d_raw/meanshrink.h"
@@ -573,10 +574,31 @@ constexpr int count_of(const PickoraStep (&)[N]) {
   return static_cast<int>(N);
 }
 
+// Whether the skip step will pass over this micrograph (the same test on the same names).
+bool skipped_as_done(const Pickora_Para& para, const char* mic) {
+  if (!para.do_unfinished) return false;
+  char box[1024], star[1024];
+  mrcf_set_outname_by_suffix(box, mic, "_pickora.box");
+  mrcf_set_outname_by_suffix(star, mic, "_pickora.star");
+  return is_file_pickora_done(box) || is_file_pickora_done(star);
+}
+
+// Brings the next micrograph that will be picked into memory while this one is matched.
+void read_ahead_next(PickoraRun& run) {
+  if (!read_ahead_enabled()) return;
+  for (int next = run.mic + 1; next < run.para.nfiles; ++next) {
+    if (skipped_as_done(run.para, run.para.files[next])) continue;
+    run.read_ahead.start(run.para.files[next]);
+    return;
+  }
+}
+
 void process_micrograph(PickoraRun& run, int mic) {
   run.mic = mic;
   run.name = run.para.files[mic];
+  run.read_ahead.finish();  // whatever it has not read yet, the reading step reads
   if (run_steps("micrograph", kMicrograph, count_of(kMicrograph), run) == StepOutcome::kSkipMicrograph) return;
+  read_ahead_next(run);
   for (run.t = 0; run.t < run.tnz; ++run.t) run_steps("template", kPerTemplate, count_of(kPerTemplate), run);
   run_steps("after", kAfterTemplates, count_of(kAfterTemplates), run);
 }
@@ -584,6 +606,7 @@ void process_micrograph(PickoraRun& run, int mic) {
 // --- Closing ---------------------------------------------------------------------------------
 
 void release_buffers(PickoraRun& run) {
+  run.read_ahead.finish();
   std::free(run.raw);
   std::free(run.work);
   std::free(run.peak_index);
