@@ -1,0 +1,131 @@
+#!/usr/bin/env bash
+# Proof that the fast road writes the same bytes as the plain one, on the benchmark sets:
+#
+#   bench/crosscheck.sh                    # CPU backend
+#   bench/crosscheck.sh --cuda             # CUDA backend (on a machine with a GPU)
+#   bench/crosscheck.sh --reference BIN    # also against another pickora binary (an older build)
+#   bench/crosscheck.sh --wisdom FILE      # both roads with measured FFT plans from FILE
+#   bench/crosscheck.sh --quick            # fewer micrographs and 20-degree steps
+#   bench/crosscheck.sh --out DIR          # default out/bench (the sets are shared with run.sh)
+#
+# The plain road is the picker with its speed-ups off: no kept template spectra
+# (PICKORA_SPECTRA_MIB=0) and no read-ahead (PICKORA_READ_AHEAD=0). The fast road is the
+# picker as users run it. Each case runs every road over the same micrographs in folders of its
+# own and compares every file the roads wrote with cmp, and their standard output without the
+# time lines and the closing tip (a random one) as printed.txt. It prints one line per case and
+# road, keeps the table in DIR/crosscheck.md and ends with status 1 when any file differs.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+backend=cpu
+out=out/bench
+quick=0
+reference=
+wisdom=
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --cuda) backend=cuda ;;
+    --quick) quick=1 ;;
+    --reference) reference=$(realpath "$2"); shift ;;
+    --wisdom) wisdom=$(realpath "$2"); shift ;;
+    --out) out=$2; shift ;;
+    -h|--help) sed -n 2,16p "$0"; exit 0 ;;
+    *) echo "crosscheck: unknown option $1" >&2; exit 2 ;;
+  esac
+  shift
+done
+mkdir -p "$out"
+out=$(cd "$out" && pwd)
+root=$(pwd)
+
+# shellcheck source=bench/common.sh
+. bench/common.sh
+bench_build
+if [ $quick = 1 ]; then n_big=2; n_small=3; ang=20; else n_big=4; n_small=6; ang=5; fi
+bench_sets $n_big $n_small
+
+diagnostics=(--write_normed_T --write_ccmax_z --write_ccmax_mic --write_pf_mic --write_pref_mic --write_bg_mic
+             --write_bgfree_mic --write_lsigma_mic --write_mic_mask --extract_raw)
+# One case a line: label | set | templates (0: the generated blob) | extra options.
+cases=(
+  "4096x4096, 8 templates|s4096_t8|8|"
+  "3838x3710, 8 templates|s3838_t8|8|"
+  "1024x1024, 8 templates|s1024_t8|8|"
+  "4096x4096, generated blob|s4096_t8|0|"
+  "1024x1024, every diagnostic image|s1024_t8|8|${diagnostics[*]}"
+)
+
+roads=(plain fast)
+[ -n "$reference" ] && roads+=(reference)
+
+# run_road ROAD DIR SET TEMPLATES EXTRA: the road over the set's micrographs, inside DIR.
+run_road() {
+  local road=$1 dir=$2 data=$out/data/$3 t=$4 extra=$5 mic mics=()
+  rm -rf "$dir"; mkdir -p "$dir"
+  for mic in "$data"/mic_*.mrc; do ln -s "$mic" "$dir/"; mics+=("$(basename "$mic")"); done
+  local args=(--apixM "$apix" --diameter "$diameter" --min_dist "$diameter" --ang_step "$ang")
+  [ "$t" = 0 ] || args+=(--T "$data/templates.mrcs")
+  # shellcheck disable=SC2206
+  args+=($extra)
+  local bin=$root/$picker envs=()
+  case $road in
+    plain) envs=(PICKORA_SPECTRA_MIB=0 PICKORA_READ_AHEAD=0) ;;
+    reference) bin=$reference ;;
+  esac
+  [ -z "$wisdom" ] || envs+=(PICKORA_FFTW_WISDOM="$wisdom")
+  (cd "$dir" && env "${envs[@]}" "$bin" "${args[@]}" "${mics[@]}" >stdout.log 2>stderr.log) ||
+    { echo "crosscheck: the $road road failed in $dir" >&2; tail -5 "$dir/stdout.log" >&2; exit 1; }
+  # What the program printed up to its closing line, less the clocks: the tip after it is random.
+  awk '!/>>>>>>TIME<<<<<</ { print } /files finished successfully/ { exit }' "$dir/stdout.log" >"$dir/printed.txt"
+}
+
+# compare_roads DIR: one line per road against the plain one: files identical, files that
+# differ (each also named on standard error) and the kinds of files compared.
+failures=0
+compare_roads() {
+  local dir=$1 road f rel same differ kinds
+  for road in "${roads[@]:1}"; do
+    same=0; differ=0
+    while IFS= read -r f; do
+      rel=${f#"$dir/plain/"}
+      case $rel in stdout.log|stderr.log) continue ;; esac
+      if [ -f "$dir/$road/$rel" ] && cmp -s "$f" "$dir/$road/$rel"; then
+        same=$((same + 1))
+      else
+        differ=$((differ + 1)); echo "  differs: $road/$rel" >&2
+      fi
+    done < <(find "$dir/plain" -type f | sort)  # files only: the inputs are links
+    # A file that only the other road wrote is a difference too.
+    while IFS= read -r f; do
+      rel=${f#"$dir/$road/"}
+      [ -e "$dir/plain/$rel" ] || { differ=$((differ + 1)); echo "  only in $road: $rel" >&2; }
+    done < <(find "$dir/$road" -type f | sort)
+    failures=$((failures + differ))
+    kinds=$(find "$dir/plain" -type f ! -name 'std*.log' -printf '%f\n' | sed -E 's/^mic_[0-9]+//' | sort -u | paste -sd' ')
+    printf '| %s | plain vs %s | %d | %d | %s |\n' "$label" "$road" "$same" "$differ" "$kinds" | tee -a "$report"
+  done
+}
+
+report=$out/crosscheck.md
+{
+  echo "## Cross-check, $(date +%Y-%m-%d), backend $backend$([ $quick = 1 ] && echo ', quick')"
+  echo
+  echo "Options: --apixM $apix --diameter $diameter --min_dist $diameter --ang_step $ang, plus each case's"
+  echo "--T and extras$([ -n "$wisdom" ] && echo "; FFT plans from the wisdom file $wisdom")."
+  echo
+  echo "| case | roads | files identical | files different | files compared (suffixes) |"
+  echo "|---|---|---|---|---|"
+} >"$report"
+for c in "${cases[@]}"; do
+  IFS='|' read -r label set t extra <<<"$c"
+  dir=$out/crosscheck/$(tr -c 'a-zA-Z0-9\n' '_' <<<"$label")
+  for road in "${roads[@]}"; do run_road "$road" "$dir/$road" "$set" "$t" "$extra"; done
+  compare_roads "$dir"
+done
+echo
+if [ $failures = 0 ]; then
+  echo "crosscheck: every file identical on every road" | tee -a "$report"
+else
+  echo "crosscheck: $failures files differ" | tee -a "$report"
+  exit 1
+fi
