@@ -1,11 +1,15 @@
 // Times one forward (real to complex) and one inverse (complex to real) 2D transform of an
 // N x N image through the program's own FFT layer, out of place, with the plans made once:
-// the pair that rotational matching runs at every angle. Matching a template over A angles on
-// an N x N work image can be no faster than A such pairs.
+// the pair that rotational matching runs at every angle of a template it has not kept the
+// spectra of, and the inverse alone, which is all it transforms at an angle whose template
+// spectrum it kept. Matching a template over A angles on an N x N work image can be no faster
+// than A inverse transforms.
 //
 //   fft_pair [--min_seconds S] N [N ...]
 //
-// Prints per size: "fft_pair N=... pairs=... ms_per_pair_median=... ms_per_pair_mean=...".
+// Prints per size: "fft_pair N=... pairs=... ms_per_pair_median=... ms_per_pair_mean=...
+// ms_inverse_median=... plan_ms=...", plan_ms being the first pair, which makes the plans
+// (measures them, with PICKORA_FFTW_WISDOM naming a file that does not hold them yet).
 // Built by bench/run.sh against the library of the backend it measures.
 #include <algorithm>
 #include <chrono>
@@ -49,24 +53,36 @@ void time_pairs(unsigned n, double min_seconds) {
   const cufftHandle r2c = hcuda_2d_fft_plan(n, n, CUFFT_R2C);
   const cufftHandle c2r = hcuda_2d_fft_plan(n, n, CUFFT_C2R);
 
+  auto forward = [&] { hcuda_2d_fft_exec_r2c(r2c, image, half); };
+  auto inverse = [&] { hcuda_2d_fft_exec_c2r(c2r, half, back); };
   auto pair = [&] {
-    hcuda_2d_fft_exec_r2c(r2c, image, half);
-    hcuda_2d_fft_exec_c2r(c2r, half, back);
+    forward();
+    inverse();
   };
-  for (int k = 0; k < 3; ++k) pair();  // first use makes the host plans; let caches settle
+  const auto t_plan = std::chrono::steady_clock::now();
+  pair();  // first use makes the host plans
+  const double plan_seconds = seconds_since(t_plan);
+  for (int k = 0; k < 2; ++k) pair();  // let caches settle
 
-  std::vector<double> times;
+  std::vector<double> times, inverse_times;
   const auto start = std::chrono::steady_clock::now();
   while (times.size() < 5 || seconds_since(start) < min_seconds) {
+    forward();
     const auto t0 = std::chrono::steady_clock::now();
+    inverse();
+    inverse_times.push_back(seconds_since(t0));
+    const auto t1 = std::chrono::steady_clock::now();
     pair();
-    times.push_back(seconds_since(t0));
+    times.push_back(seconds_since(t1));
   }
   double total = 0.0;
   for (double t : times) total += t;
   std::sort(times.begin(), times.end());
-  std::printf("fft_pair N=%u pairs=%zu ms_per_pair_median=%.3f ms_per_pair_mean=%.3f\n", n, times.size(),
-              1e3 * times[times.size() / 2], 1e3 * total / static_cast<double>(times.size()));
+  std::sort(inverse_times.begin(), inverse_times.end());
+  std::printf("fft_pair N=%u pairs=%zu ms_per_pair_median=%.3f ms_per_pair_mean=%.3f ms_inverse_median=%.3f "
+              "plan_ms=%.1f\n",
+              n, times.size(), 1e3 * times[times.size() / 2], 1e3 * total / static_cast<double>(times.size()),
+              1e3 * inverse_times[inverse_times.size() / 2], 1e3 * plan_seconds);
   std::fflush(stdout);
 
   hcuda_2d_fft_destroy(r2c);

@@ -10,9 +10,13 @@
 # It builds a Release binary whose driver also prints the wall time of every step on standard
 # error (-DPICKORA_STEP_TIMES=1; standard output is unchanged), simulates the micrographs with
 # pickora-simulate (the same seed gives the same bytes, so a set is made once and reused),
-# times one forward+inverse FFT pair at every work size with bench/fft_pair.cpp through the
-# same FFT layer, runs pickora over several micrographs per run and reports seconds per
-# micrograph in steady state, the first micrograph of each run left out. Every timed program
+# times one forward+inverse FFT pair and the inverse alone at every work size with
+# bench/fft_pair.cpp through the same FFT layer (and once more with a new FFT wisdom file, for
+# the cost of measured planning), runs pickora over several micrographs per run and reports
+# seconds per micrograph in steady state, the first micrograph of each run left out and shown
+# apart (it makes the plans and the kept template spectra). Beside the picker as users run it,
+# the 4096 x 4096 set with 8 templates also runs on the plain road (PICKORA_SPECTRA_MIB=0
+# PICKORA_READ_AHEAD=0) and with measured FFT plans (PICKORA_FFTW_WISDOM). Every timed program
 # runs under /usr/bin/time -v, which gives its peak memory and its own CPU time; with the
 # machine's busy time from /proc/stat that tells how many cores other processes took meanwhile
 # ("other load"), the number to read first on a shared machine. The tables are printed and
@@ -30,7 +34,7 @@ while [ $# -gt 0 ]; do
     --cuda) backend=cuda ;;
     --threads) export OMP_NUM_THREADS=$2; shift ;;
     --out) out=$2; shift ;;
-    -h|--help) sed -n 2,19p "$0"; exit 0 ;;
+    -h|--help) sed -n 2,23p "$0"; exit 0 ;;
     *) echo "bench: unknown option $1" >&2; exit 2 ;;
   esac
   shift
@@ -59,21 +63,25 @@ sim_set s4096_t1 --size 4096 --templates 1 --n $big_n
 [ $quick = 1 ] || sim_set s4096_t4 --size 4096 --templates 4 --n $big_n
 
 # ---- Cases ----------------------------------------------------------------------------------
-# One case a line: label | set | templates (0: the generated blob) | angle step | speed. A case
-# that repeats an earlier one (same set and options) is reported from that run.
+# One case a line: label | set | templates (0: the generated blob) | angle step | speed | road.
+# The road is fast (the picker as users run it), plain (its speed-ups off) or measured (fast,
+# with FFT plans measured once into the bench's wisdom file). A case that repeats an earlier one
+# (same set, options and road) is reported from that run.
 cases=(
-  "4096x4096, 8 templates|s4096_t8|8|$base_ang|2"
-  "3838x3710, 8 templates|s3838_t8|8|$base_ang|2"
-  "1024x1024, 8 templates|s1024_t8|8|$base_ang|2"
-  "4096x4096, generated blob|s4096_t8|0|$base_ang|2"
-  "templates: 1|s4096_t1|1|$base_ang|2"
+  "4096x4096, 8 templates|s4096_t8|8|$base_ang|2|fast"
+  "4096x4096, 8 templates, plain road|s4096_t8|8|$base_ang|2|plain"
+  "4096x4096, 8 templates, measured plans|s4096_t8|8|$base_ang|2|measured"
+  "3838x3710, 8 templates|s3838_t8|8|$base_ang|2|fast"
+  "1024x1024, 8 templates|s1024_t8|8|$base_ang|2|fast"
+  "4096x4096, generated blob|s4096_t8|0|$base_ang|2|fast"
+  "templates: 1|s4096_t1|1|$base_ang|2|fast"
 )
-[ $quick = 1 ] || cases+=("templates: 4|s4096_t4|4|$base_ang|2")
-cases+=("templates: 8|s4096_t8|8|$base_ang|2")
-[ $quick = 1 ] || cases+=("angle step 20|s4096_t8|8|20|2" "angle step 10|s4096_t8|8|10|2")
-cases+=("angle step $base_ang|s4096_t8|8|$base_ang|2" "speed 3, 1 template|s4096_t1|1|$base_ang|3"
-        "speed 2, 1 template|s4096_t1|1|$base_ang|2")
-[ $quick = 1 ] || cases+=("speed 1, 1 template|s4096_t1|1|$base_ang|1")
+[ $quick = 1 ] || cases+=("templates: 4|s4096_t4|4|$base_ang|2|fast")
+cases+=("templates: 8|s4096_t8|8|$base_ang|2|fast")
+[ $quick = 1 ] || cases+=("angle step 20|s4096_t8|8|20|2|fast" "angle step 10|s4096_t8|8|10|2|fast")
+cases+=("angle step $base_ang|s4096_t8|8|$base_ang|2|fast" "speed 3, 1 template|s4096_t1|1|$base_ang|3|fast"
+        "speed 2, 1 template|s4096_t1|1|$base_ang|2|fast")
+[ $quick = 1 ] || cases+=("speed 1, 1 template|s4096_t1|1|$base_ang|1|fast")
 
 shrink_of_speed=(1 2 4 6 8)
 # work_size SET SPEED: the side of the even square work image, as the driver computes it.
@@ -107,38 +115,46 @@ timed() {
 }
 peak_rss_mib() { awk -F': ' '/Maximum resident/ { printf "%.0f", $2 / 1024 }' "$1/time.txt"; }
 
-# ---- FFT pairs, before and after the runs -------------------------------------------------
+# ---- FFT transforms, before and after the runs ----------------------------------------------
 size_list=1024
 for c in "${cases[@]}"; do
-  IFS='|' read -r _ set _ _ speed <<<"$c"
+  IFS='|' read -r _ set _ _ speed _ <<<"$c"
   size_list="$size_list $(work_size "$set" "$speed")"
 done
 mapfile -t sizes < <(tr ' ' '\n' <<<"$size_list" | sort -nu)
 min_seconds=2; [ $quick = 1 ] && min_seconds=0.3
+wisdom=$out/fftw.wisdom
+rm -f "$wisdom" "$wisdom.lock"
 fft_run() {
-  rm -rf "${out:?}/$1"; mkdir -p "$out/$1"
-  timed "$out/$1" "$root/$fft_pair" --min_seconds $min_seconds "${sizes[@]}"
-  cat "$out/$1/stdout.log"
+  local name=$1; shift
+  rm -rf "${out:?}/$name"; mkdir -p "$out/$name"
+  timed "$out/$name" env "$@" "$root/$fft_pair" --min_seconds $min_seconds "${sizes[@]}"
+  cat "$out/$name/stdout.log"
 }
+# field FILE N KEY: the value of KEY on the line of size N.
+field() { awk -v n="$2" -v key="$3" '{ for (i = 2; i <= NF; ++i) { split($i, kv, "="); v[kv[1]] = kv[2] } } v["N"] == n { print v[key] }' "$1"; }
 # The floor takes the lower of the two medians: a neighbour's load only ever slows one down.
-pair_ms() {
-  awk -v n="$1" '{ split($2, a, "="); split($4, b, "=") }
-                 a[2] == n && (best == "" || b[2] + 0 < best + 0) { best = b[2] }
-                 END { print best }' "$out"/fft_before/stdout.log "$out"/fft_after/stdout.log
+fft_ms() {
+  local a b
+  a=$(field "$out/fft_before/stdout.log" "$1" "$2"); b=$(field "$out/fft_after/stdout.log" "$1" "$2")
+  awk -v a="$a" -v b="$b" 'BEGIN { print (a + 0 < b + 0 ? a : b) }'
 }
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 fft_run fft_before
+# Measured plans: the first pair of each size measures them into the new wisdom file, which the
+# measured case then reads.
+fft_run fft_measured PICKORA_FFTW_WISDOM="$wisdom"
 
 # ---- Runs -----------------------------------------------------------------------------------
-# run_case LABEL SET TEMPLATES ANG SPEED: pickora over the set's micrographs in a folder of its
-# own (links to the micrographs, so the outputs of different cases never meet); one line of
+# run_case LABEL SET TEMPLATES ANG SPEED ROAD: pickora over the set's micrographs in a folder of
+# its own (links to the micrographs, so the outputs of different cases never meet); one line of
 # seconds per micrograph into rows.tsv, made into the table once the FFT floor is known.
 rows=$out/rows.tsv
 : >"$rows"
 declare -A first_label
 run_case() {
-  local label=$1 set=$2 t=$3 ang=$4 speed=$5
-  local key="$set $t $ang $speed"
+  local label=$1 set=$2 t=$3 ang=$4 speed=$5 road=$6
+  local key="$set $t $ang $speed $road"
   if [ -n "${first_label[$key]:-}" ]; then
     local row
     row=$(awk -F'\t' -v OFS='\t' -v old="${first_label[$key]}" -v new="$label (same run as above)" \
@@ -147,19 +163,24 @@ run_case() {
     return
   fi
   first_label[$key]=$label
-  local data=$out/data/$set dir mic mics=()
+  local data=$out/data/$set dir mic mics=() envs=()
   dir=$(dir_of "$label")
   rm -rf "$dir"; mkdir -p "$dir"
   for mic in "$data"/mic_*.mrc; do ln -s "$mic" "$dir/"; mics+=("$(basename "$mic")"); done
   local args=(--apixM "$apix" --diameter "$diameter" --min_dist "$diameter" --ang_step "$ang" --speed "$speed")
   [ "$t" = 0 ] || args+=(--T "$data/templates.mrcs")
-  timed "$dir" "$root/$picker" "${args[@]}" "${mics[@]}"
+  case $road in
+    plain) envs+=(PICKORA_SPECTRA_MIB=0 PICKORA_READ_AHEAD=0) ;;
+    measured) envs+=(PICKORA_FFTW_WISDOM="$wisdom") ;;
+  esac
+  timed "$dir" env "${envs[@]}" "$root/$picker" "${args[@]}" "${mics[@]}"
   # Steady state: every micrograph but the first (mic 0). Step groups: reading = the micrograph
   # steps up to the READING line; conditioning = the rest of them; matching = step 27; peaks =
   # the other per-template steps; writing = the steps after the last template (box filter).
   awk -v label="$label" -v work="$(work_size "$set" "$speed")" -v t="$t" -v angles="$(angles_of "$t" "$ang")" \
       -v rss="$(peak_rss_mib "$dir")" -v others="$(cat "$dir/other_load")" '
-    $1 != "pickora-step" || $3 == 0 || $2 == "preparation" { next }
+    $1 != "pickora-step" || $2 == "preparation" { next }
+    $3 == 0 { first += $5; next }
     {
       m = $3; s = $5; seen[m] = 1; total[m] += s
       if ($2 == "micrograph" && $4 <= 9) c = "read"; else if ($2 == "micrograph") c = "cond"
@@ -170,33 +191,41 @@ run_case() {
       n = 0; lo = 1e30; hi = 0
       for (m in seen) { n++; if (total[m] < lo) lo = total[m]; if (total[m] > hi) hi = total[m] }
       tot = (sum["read"] + sum["cond"] + sum["match"] + sum["peaks"] + sum["write"]) / n
-      printf "%s\t%d\t%s\t%d\t%d\t%.3f\t%.3f\t%.3f\t%.3f\t%.3f\t%.3f\t%.2f\t%.2f\t%s\t%s\n", label, n, t, angles,
+      printf "%s\t%d\t%s\t%d\t%d\t%.3f\t%.3f\t%.3f\t%.3f\t%.3f\t%.3f\t%.2f\t%.2f\t%s\t%s\t%.2f\n", label, n, t, angles,
         work, sum["read"] / n, sum["cond"] / n, sum["match"] / n, sum["peaks"] / n, sum["write"] / n, tot, lo, hi,
-        rss, others
+        rss, others, first
     }' "$dir/stderr.log" >>"$rows"
   echo "$label: $(tail -1 "$rows" | cut -f11) s per micrograph, other load $(cat "$dir/other_load")"
 }
 for c in "${cases[@]}"; do
-  IFS='|' read -r label set t ang speed <<<"$c"
-  run_case "$label" "$set" "$t" "$ang" "$speed"
+  IFS='|' read -r label set t ang speed road <<<"$c"
+  run_case "$label" "$set" "$t" "$ang" "$speed" "$road"
 done
 fft_run fft_after
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 
 # ---- Report ---------------------------------------------------------------------------------
 fft_table() {
-  paste -d' ' "$out/fft_before/stdout.log" "$out/fft_after/stdout.log" | awk -v ob="$(cat "$out/fft_before/other_load")" \
-    -v oa="$(cat "$out/fft_after/other_load")" '
-    { for (i = 1; i <= NF; ++i) { split($i, a, "="); v[i] = a[2] }
-      printf "| %s | %s (%s, %s) | %s (%s, %s) |\n", v[2], v[4], v[5], v[3], v[9], v[10], v[8] }
-    END { printf "| other load | %s | %s |\n", ob, oa }'
+  local n
+  for n in "${sizes[@]}"; do
+    printf '| %s | %s (%s, %s) | %s | %s (%s, %s) | %s | %s |\n' "$n" \
+      "$(field "$out/fft_before/stdout.log" "$n" ms_per_pair_median)" \
+      "$(field "$out/fft_before/stdout.log" "$n" ms_per_pair_mean)" "$(field "$out/fft_before/stdout.log" "$n" pairs)" \
+      "$(field "$out/fft_before/stdout.log" "$n" ms_inverse_median)" \
+      "$(field "$out/fft_after/stdout.log" "$n" ms_per_pair_median)" \
+      "$(field "$out/fft_after/stdout.log" "$n" ms_per_pair_mean)" "$(field "$out/fft_after/stdout.log" "$n" pairs)" \
+      "$(field "$out/fft_after/stdout.log" "$n" ms_inverse_median)" \
+      "$(field "$out/fft_measured/stdout.log" "$n" ms_inverse_median) (planning $(field "$out/fft_measured/stdout.log" "$n" plan_ms) ms)"
+  done
+  echo "| other load | $(cat "$out/fft_before/other_load") | | $(cat "$out/fft_after/other_load") | | $(cat "$out/fft_measured/other_load") |"
 }
 case_table() {
-  local label n t angles work read cond match peaks write tot lo hi rss others
-  while IFS=$'\t' read -r label n t angles work read cond match peaks write tot lo hi rss others; do
-    awk -v t="$t" -v a="$angles" -v p="$(pair_ms "$work")" -v m="$match" -v rss="$rss" -v others="$others" \
+  local label n t angles work read cond match peaks write tot lo hi rss others first
+  while IFS=$'\t' read -r label n t angles work read cond match peaks write tot lo hi rss others first; do
+    awk -v t="$t" -v a="$angles" -v p="$(fft_ms "$work" ms_inverse_median)" -v m="$match" -v rss="$rss" \
+        -v others="$others" -v first="$first" \
         -v row="| $label | $n | $([ "$t" = 0 ] && echo blob || echo "$t") | $angles | $work | $read | $cond | $match | $peaks | $write | **$tot** ($lo-$hi) |" \
-      'BEGIN { floor = (t == 0 ? 1 : t) * a * p / 1e3; printf "%s %.3f | %.1f | %s | %s |\n", row, floor, m / floor, rss, others }'
+      'BEGIN { floor = (t == 0 ? 1 : t) * a * p / 1e3; printf "%s %.3f | %.1f | %s | %s | %s |\n", row, floor, m / floor, first, rss, others }'
   done <"$rows"
 }
 # Per step, for the first case: where the seconds of one micrograph go.
@@ -223,18 +252,22 @@ step_table() {
   if [ "$backend" = cuda ] && command -v nvidia-smi >/dev/null; then echo "GPU: $(nvidia-smi -L | head -1)"; fi
   echo "Options: --apixM $apix --diameter $diameter --min_dist $diameter, plus each case's --T, --ang_step, --speed."
   echo
-  echo "One forward+inverse FFT pair at each work size (bench/fft_pair.cpp, plans made once):"
+  echo "FFT transforms at each work size (bench/fft_pair.cpp, plans made once), ms, medians: the"
+  echo "forward+inverse pair (mean, pairs timed) and the inverse alone, before and after the runs;"
+  echo "then the inverse with measured plans and the cost of measuring them into a new wisdom file:"
   echo
-  echo "| N | before the runs: ms per pair, median (mean, pairs timed) | after the runs: the same |"
-  echo "|---|---|---|"
+  echo "| N | pair before | inverse before | pair after | inverse after | inverse, measured plans |"
+  echo "|---|---|---|---|---|---|"
   fft_table
   echo
   echo "Seconds per micrograph, mean over the micrographs after the first (n), from the step timers;"
-  echo "FFT floor = templates x angles x one pair at the work size (the lower median above); peak RSS"
-  echo "of the whole run; other load = cores kept busy by other processes during the run."
+  echo "FFT floor = templates x angles x one inverse transform at the work size (the lower median"
+  echo "above): with its template spectra kept, that is all matching transforms per angle. First ="
+  echo "the first micrograph, which also makes the plans and the kept spectra. Peak RSS of the whole"
+  echo "run; other load = cores kept busy by other processes during the run."
   echo
-  echo "| case | n | templates | angles | work size | reading | conditioning | matching | peaks | writing | total (min-max) | FFT floor | matching / floor | peak RSS MiB | other load |"
-  echo "|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|"
+  echo "| case | n | templates | angles | work size | reading | conditioning | matching | peaks | writing | total (min-max) | FFT floor | matching / floor | first | peak RSS MiB | other load |"
+  echo "|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|"
   case_table
   echo
   echo "Steps of the first case, seconds per micrograph (steps under 0.5 ms left out):"
