@@ -290,6 +290,11 @@ TEST(Matching, KeptTemplateSpectraGiveTheSameBytes) {
   EXPECT_EQ(switched.ccmax, fresh_other.ccmax);
   EXPECT_EQ(switched.psi, fresh_other.psi);
   match_workspace_release(&ws);
+  MatchWorkspace last{};  // a last call reads what is kept but keeps nothing new
+  last.make_kept = false;
+  EXPECT_EQ(run_matching(p, step, 359.0f, &last).ccmax, fresh.ccmax);
+  EXPECT_TRUE(last.kept.empty());
+  match_workspace_release(&last);
 
   // 6 spectra of 129 x 256 take 1.5 MiB: a budget of 1 MiB keeps none, nor does one of 0.
   Problem large{256, random_image(256 * 256, 85), std::vector<float>(256 * 256, 1.0f), 9, p.T, 2.0f};

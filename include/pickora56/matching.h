@@ -156,7 +156,9 @@ struct TemplateSpectra {
 // transform of the template at every angle of every later micrograph. They take
 // angles x (nx / 2 + 1) x ny x 8 bytes per template; templates are kept while their total stays
 // within the budget (see matching_spectra_budget), and one that does not fit is transformed
-// at every angle as before. The results are the same bytes either way.
+// at every angle as before. The results are the same bytes either way. A caller that knows no
+// later call will come (the last micrograph of a run) sets make_kept to false, so that no
+// memory is filled for nothing.
 struct MatchWorkspace {
   int nx = 0, ny = 0;                  // size of the image scratch; 0 before the first call
   int placed_nx = 0, placed_ny = 0;    // template size whose footprint the padded image holds
@@ -173,6 +175,7 @@ struct MatchWorkspace {
   std::size_t kept_bytes = 0;
   std::size_t budget_bytes = 0;
   bool has_budget = false;             // budget_bytes read from the environment
+  bool make_kept = true;               // false: read kept spectra but make no new ones
 };
 
 // Bytes of template spectra a workspace may keep: PICKORA_SPECTRA_MIB mebibytes when that is set

@@ -161,17 +161,18 @@ std::size_t image_values(const MatchWorkspace* ws) {
 
 // The correlation of mic with the template turned by `degrees`, unscaled sums of products with
 // the origin at pixel 0, into `correlation`. ws->mic_F holds the image's spectrum. When `keep`
-// is not null the template's spectrum is also copied there for later micrographs.
+// is not null the template's spectrum is made there, to be kept for later micrographs (both
+// places are aligned alike, so the transform is the same); else in ws->T_F.
 void correlate_at_angle(MatchWorkspace* ws, const float* T, int tnx, int tny, float degrees, float2* keep,
                         float* correlation) {
   const unsigned nx = static_cast<unsigned>(ws->nx), ny = static_cast<unsigned>(ws->ny);
   hcuda_2d_rotate(T, ws->rotated, static_cast<unsigned>(tnx), static_cast<unsigned>(tny), degrees);
   hcuda_x2d_cp_small_to_large_center(ws->padded, ws->rotated, ws->nx, ws->ny, tnx, tny);
-  hcuda_2d_fft_exec_r2c(ws->r2c, ws->padded, ws->T_F);
-  if (keep != nullptr) PK_CUDA_CHECK(memcpy_D2D(keep, ws->T_F, sizeof(float2) * spectrum_values(ws)));
-  // The product goes over the template's spectrum in place: each element is read before it is
-  // written, and the spectrum is made again at the next angle.
-  hcuda_c2d_multconj_norm(ws->mic_F, ws->T_F, ws->T_F, fft_half_width(nx), ny,
+  float2* spectrum = keep != nullptr ? keep : ws->T_F;
+  hcuda_2d_fft_exec_r2c(ws->r2c, ws->padded, spectrum);
+  // The product goes to ws->T_F, over the template's spectrum when that is not kept: each
+  // element is read before it is written.
+  hcuda_c2d_multconj_norm(ws->mic_F, spectrum, ws->T_F, fft_half_width(nx), ny,
                           static_cast<float>(nx) * static_cast<float>(ny));
   hcuda_2d_fft_exec_c2r(ws->c2r, ws->T_F, correlation);
 }
@@ -213,6 +214,7 @@ TemplateSpectra* kept_spectra_for(MatchWorkspace* ws, const float* T, int tnx, i
   for (TemplateSpectra& k : ws->kept)
     if (k.complete && same_loop(k, pixels, tnx, tny, ang_start, ang_end, ang_step)) return &k;
 
+  if (!ws->make_kept) return nullptr;
   const long angles = matching_angle_count(ang_start, ang_end, ang_step);
   const std::size_t one = spectrum_values(ws) * sizeof(float2);
   if (angles <= 0 || static_cast<std::size_t>(angles) > (ws->budget_bytes - ws->kept_bytes) / one) return nullptr;

@@ -599,6 +599,8 @@ void process_micrograph(PickoraRun& run, int mic) {
   run.read_ahead.finish();  // whatever it has not read yet, the reading step reads
   if (run_steps("micrograph", kMicrograph, count_of(kMicrograph), run) == StepOutcome::kSkipMicrograph) return;
   read_ahead_next(run);
+  // Template spectra pay only when a later micrograph reads them.
+  run.match.make_kept = mic + 1 < run.para.nfiles;
   for (run.t = 0; run.t < run.tnz; ++run.t) run_steps("template", kPerTemplate, count_of(kPerTemplate), run);
   run_steps("after", kAfterTemplates, count_of(kAfterTemplates), run);
 }
