@@ -53,12 +53,10 @@ std::map<cufftHandle, HostPlan>& plans() {
 }
 cufftHandle g_next_handle = 1;
 
+// Read at every new plan, which is rare, so that the setting can change within a process.
 const char* wisdom_file() {
-  static const char* const name = [] {
-    const char* v = std::getenv("PICKORA_FFTW_WISDOM");
-    return v != nullptr && *v != '\0' ? v : nullptr;
-  }();
-  return name;
+  const char* v = std::getenv("PICKORA_FFTW_WISDOM");
+  return v != nullptr && *v != '\0' ? v : nullptr;
 }
 
 // Holds an exclusive lock on FILE.lock, so that processes sharing the wisdom measure each
@@ -114,9 +112,17 @@ fftwf_plan make_variant(const HostPlan& p, bool in_place, bool unaligned) {
     std::memset(r, 0, sizeof(float) * real);
     if (!in_place) std::memset(c, 0, sizeof(fftwf_complex) * half);
     WisdomLock lock(file);
-    fftwf_import_wisdom_from_filename(file);  // absent the first time
+    // A file that is there but holds no wisdom is someone else's: it is never written over.
+    const bool absent = access(file, F_OK) != 0;
+    const bool ours = absent || fftwf_import_wisdom_from_filename(file) != 0;
     plan = plan_fftw(p, r, c, FFTW_MEASURE | alignment);
-    save_wisdom(file);
+    if (ours) {
+      save_wisdom(file);
+    } else {
+      static bool warned = false;
+      if (!warned) std::fprintf(stderr, "pickora: %s is not an FFT wisdom file; it is left as it is\n", file);
+      warned = true;
+    }
   } else {
     plan = plan_fftw(p, r, c, FFTW_ESTIMATE | alignment);
   }

@@ -232,6 +232,9 @@ StepOutcome prep_allocate_image_buffers(PickoraRun& run) {
   safe_cudaMalloc(&run.d_psi, work * sizeof(float));
   safe_cudaMalloc(&run.d_ccmaxZ, work * sizeof(float));
   run.ccmax_stack = host_alloc<float>(work * static_cast<size_t>(run.tnz));
+  // Read now, so that a mistyped budget ends the run before any work rather than after it.
+  run.match.budget_bytes = matching_spectra_budget();
+  run.match.has_budget = true;
   return StepOutcome::kNext;
 }
 
