@@ -2,6 +2,9 @@
 // and the whole detection on a synthetic micrograph.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <tuple>
+
 #include <algorithm>
 #include <cmath>
 #include <random>
@@ -83,6 +86,30 @@ TEST(LocalMaps, PaddedMeanAndSigmaMatchDirectSums) {
   hcuda_2d_bg_mpad_inplace(d_img, nx, ny, radius, soft);
   EXPECT_EQ(to_host(d_img, nx * ny), ave);
   cudaFree(d_img);
+  cudaFree(d_ave);
+  cudaFree(d_sigma);
+}
+
+// The two maps made together, with discs kept from call to call, are the bytes of the two
+// separate functions: on the call that makes the discs, on a later image, and with radii swapped.
+TEST(LocalMaps, MadeTogetherTheyAreTheBytesOfTheSeparateFunctions) {
+  const int nx = 24, ny = 16;
+  LocalMapsWorkspace ws{};
+  float* d_ave = device_zeros<float>(nx * ny);
+  float* d_sigma = device_zeros<float>(nx * ny);
+  for (auto [seed, r_ave, r_sigma] : {std::tuple{21u, 5.0f, 3.0f}, {22u, 5.0f, 3.0f}, {23u, 3.0f, 5.0f}}) {
+    float* d_img = to_device(random_image(nx * ny, seed));
+    hcuda_2d_local_ave_softR_mpad(d_ave, d_img, nx, ny, r_ave, 2.5f);
+    hcuda_2d_local_sigma_softR_mpad(d_sigma, d_img, nx, ny, r_sigma, 2.5f);
+    const std::vector<float> want_ave = to_host(d_ave, nx * ny), want_sigma = to_host(d_sigma, nx * ny);
+    hcuda_2d_local_ave_sigma_mpad(&ws, d_ave, d_sigma, d_img, nx, ny, r_ave, r_sigma, 2.5f);
+    const std::vector<float> ave = to_host(d_ave, nx * ny), sigma = to_host(d_sigma, nx * ny);
+    EXPECT_EQ(0, std::memcmp(ave.data(), want_ave.data(), ave.size() * sizeof(float))) << seed;
+    EXPECT_EQ(0, std::memcmp(sigma.data(), want_sigma.data(), sigma.size() * sizeof(float))) << seed;
+    cudaFree(d_img);
+  }
+  EXPECT_EQ(ws.discs.size(), 2u);  // one per radius, kept across the three images
+  local_maps_workspace_release(&ws);
   cudaFree(d_ave);
   cudaFree(d_sigma);
 }

@@ -8,6 +8,8 @@
 // A cell's word is 0, or the pixel index y * nx + x of the pixel on record for it.
 #pragma once
 
+#include "process2d_raw/local_stats.h"
+
 #include "cuda_general/platform.h"
 #include "pickora56/pickora_para.h"
 
@@ -78,3 +80,7 @@ int output_ice_coord(const char* path, const unsigned int* grid, const float* ce
 // Returns 0.
 int hcuda_2d_ice_detect(const float* image, int nx, int ny, int2 origin, unsigned int* grid, const char* mic_name,
                         const Pickora_Para* para);
+// The same with the scratch and disc spectra of the two maps kept in `maps` from one call to the
+// next (the driver keeps one for the run); the form above makes and frees its own.
+int hcuda_2d_ice_detect(LocalMapsWorkspace* maps, const float* image, int nx, int ny, int2 origin, unsigned int* grid,
+                        const char* mic_name, const Pickora_Para* para);

@@ -9,6 +9,7 @@
 #include "pickora56/matching.h"
 #include "pickora56/pickora_para.h"
 #include "pickora56/read_ahead.h"
+#include "process2d_raw/local_stats.h"
 
 // Sizes of the whole run; 32-bit signed, integer divisions truncate.
 struct Pickora_Sizes {
@@ -81,6 +82,7 @@ struct PickoraRun {
   float* ccmax_stack;   // host, tnz * work_size^2: one ccmax map per template (write_ccmax_mic)
   MatchWorkspace match;  // plans and scratch of the matching, kept for the whole run
   ReadAhead read_ahead;  // the next micrograph, read while this one is matched
+  LocalMapsWorkspace local_maps;  // scratch and discs of the ice detection, kept for the run
 
   double t_run;  // start of the run
   double t_step;  // start of the current timed span

@@ -19,6 +19,8 @@
 
 #include <math.h>
 
+#include <vector>
+
 #include "cuda_general/platform.h"
 #include "image_filter/image_filter.h"  // GAUSS_NORM, the height of the disc's Gaussian rim
 
@@ -68,6 +70,37 @@ void hcuda_2d_local_sigma_softR_mpad(float* out, const float* in, unsigned nx, u
                                      float soft);
 void hcuda_2d_local_ave_softR(float* out, const float* in, unsigned nx, unsigned ny, float radius, float soft);
 void hcuda_2d_local_sigma_softR(float* out, const float* in, unsigned nx, unsigned ny, float radius, float soft);
+
+// ---- Both maps at once, with what one micrograph leaves for the next -----------------------
+
+// A soft disc's spectrum for means over images of one padded size, and its weight sum.
+struct SoftDiscSpectrum {
+  float radius = 0.0f, soft = 0.0f;  // what it was made for
+  float weight_sum = 0.0f;
+  float2* spectrum = nullptr;
+};
+
+// Scratch and disc spectra kept between calls of one image size: the micrographs of a run all
+// have that size and the same radii, so their discs are made once. Zero-initialise it and
+// release it with local_maps_workspace_release; a call at another size starts it afresh.
+struct LocalMapsWorkspace {
+  unsigned nx = 0, ny = 0;  // image size of the scratch; 0 before the first call
+  float* padded = nullptr;  // 2 nx by 2 ny: the mirrored image, then its square
+  float* mean = nullptr;    // 2 nx by 2 ny: one mean before it is cut back to nx by ny
+  float* mean_x = nullptr;  // nx by ny: the squared mean under the sigma disc
+  float2* image_spec = nullptr;
+  float2* square_spec = nullptr;
+  float2* product = nullptr;
+  cufftHandle r2c = 0, c2r = 0;
+  std::vector<SoftDiscSpectrum> discs;
+};
+void local_maps_workspace_release(LocalMapsWorkspace* ws);
+
+// The padded local mean at ave_radius into lave and the padded local sigma at sigma_radius into
+// lsigma: the same bytes as hcuda_2d_local_ave_softR_mpad and hcuda_2d_local_sigma_softR_mpad,
+// for less work, as the mirrored image and its square are transformed once for the three means.
+void hcuda_2d_local_ave_sigma_mpad(LocalMapsWorkspace* ws, float* lave, float* lsigma, const float* in, unsigned nx,
+                                   unsigned ny, float ave_radius, float sigma_radius, float soft);
 
 // Host arrays: allocate, copy in, call the hcuda_ form of the same name, copy out, free.
 void gpu_2d_generate_rmask_soft(float* mask, unsigned nx, unsigned ny, float cx, float cy, float radius,

@@ -59,6 +59,14 @@ void hcuda_find_sigma_grids(const float* lave, const float* lsigma, unsigned int
 
 int hcuda_2d_ice_detect(const float* image, int nx, int ny, int2 origin, unsigned int* grid, const char* mic_name,
                         const Pickora_Para* para) {
+  LocalMapsWorkspace maps{};
+  hcuda_2d_ice_detect(&maps, image, nx, ny, origin, grid, mic_name, para);
+  local_maps_workspace_release(&maps);
+  return 0;
+}
+
+int hcuda_2d_ice_detect(LocalMapsWorkspace* maps, const float* image, int nx, int ny, int2 origin, unsigned int* grid,
+                        const char* mic_name, const Pickora_Para* para) {
   const int ice_step = ice_detect_step(para);
   if (ice_step <= 0) PK_FATAL("cell side %d from --min_dist is not positive", ice_step);
   const unsigned ux = static_cast<unsigned>(nx), uy = static_cast<unsigned>(ny);
@@ -74,8 +82,8 @@ int hcuda_2d_ice_detect(const float* image, int nx, int ny, int2 origin, unsigne
   std::vector<unsigned int> h_grid(cells);
   std::vector<float> h_ave(cells), h_sigma(cells);
 
-  hcuda_2d_local_sigma_softR_mpad(d.lsigma, image, ux, uy, para->lsigma_radius, para->local_soft_edge);
-  hcuda_2d_local_ave_softR_mpad(d.lave, image, ux, uy, para->lave_radius, para->local_soft_edge);
+  hcuda_2d_local_ave_sigma_mpad(maps, d.lave, d.lsigma, image, ux, uy, para->lave_radius, para->lsigma_radius,
+                                para->local_soft_edge);
   hcuda_find_sigma_grids(d.lave, d.lsigma, grid, d.cell_ave, d.cell_sigma, nx, ny, ice_step, para->lave_min,
                          para->lave_max, para->lsigma_cutoff);
   PK_CUDA_CHECK(memcpy_D2H(h_grid.data(), grid, sizeof(unsigned int) * cells));

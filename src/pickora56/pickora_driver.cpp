@@ -382,8 +382,8 @@ StepOutcome mic_device_znorm(PickoraRun& run) {
 }
 
 StepOutcome mic_detect_ice(PickoraRun& run) {
-  hcuda_2d_ice_detect(run.d_work, run.sizes.work_size, run.sizes.work_size, make_int2(0, 0), run.d_grid, run.name,
-                      &run.para);
+  hcuda_2d_ice_detect(&run.local_maps, run.d_work, run.sizes.work_size, run.sizes.work_size, make_int2(0, 0),
+                      run.d_grid, run.name, &run.para);
   return StepOutcome::kNext;
 }
 
@@ -620,6 +620,7 @@ void release_buffers(PickoraRun& run) {
   delete[] run.excluded;
   destroy_template_data(run.templates);
   match_workspace_release(&run.match);
+  local_maps_workspace_release(&run.local_maps);
   std::free(run.ccmax_stack);
   void* const device_buffers[] = {run.d_work,   run.d_mask, run.d_ccmax,    run.d_psi,
                                   run.d_ccmaxZ, run.d_grid, run.d_templates};
