@@ -5,6 +5,7 @@
 #include <cstddef>
 
 #include "cuda_general/platform.h"
+#include "cuda_general/report.h"
 
 // Device choice.
 int check_and_set_gid(int gid);
@@ -26,6 +27,12 @@ int safe_cudaMalloc_empty(T** ptr, std::size_t bytes) {
 template <class T>
 int cudaMalloc_empty(T** ptr, std::size_t bytes) {
   return cudaMalloc_empty(reinterpret_cast<void**>(ptr), bytes);
+}
+// Frees a device block through the device check and leaves the pointer null; null is no-op.
+template <class T>
+void safe_cudaFree(T*& ptr) {
+  if (ptr != nullptr) PK_CUDA_CHECK(cudaFree(ptr));
+  ptr = nullptr;
 }
 
 // Clearing and filling device memory.

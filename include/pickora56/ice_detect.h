@@ -8,10 +8,9 @@
 // A cell's word is 0, or the pixel index y * nx + x of the pixel on record for it.
 #pragma once
 
-#include "process2d_raw/local_stats.h"
-
 #include "cuda_general/platform.h"
 #include "pickora56/pickora_para.h"
+#include "process2d_raw/local_stats.h"
 
 // Side of a scan cell in work pixels. The scan writes into the driver's exclusion grid, so the
 // side is the driver's grid_step, worked out from the same record fields by the same float

@@ -142,9 +142,8 @@ struct TemplateSpectra {
   std::vector<float> pixels;  // a host copy of the template they were made from
   int tnx = 0, tny = 0;
   float ang_start = 0.0f, ang_end = 0.0f, ang_step = 0.0f;
-  long angles = 0;
   bool complete = false;      // false while the first call is still filling them
-  float2* spectra = nullptr;  // angles spectra of (nx / 2 + 1) by ny, one after the other
+  float2* spectra = nullptr;  // one (nx / 2 + 1) by ny spectrum per angle, in loop order
 };
 
 // Scratch for matching at one work-image size, kept across templates and micrographs so that the

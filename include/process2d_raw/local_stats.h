@@ -87,7 +87,7 @@ struct LocalMapsWorkspace {
   unsigned nx = 0, ny = 0;  // image size of the scratch; 0 before the first call
   float* padded = nullptr;  // 2 nx by 2 ny: the mirrored image, then its square
   float* mean = nullptr;    // 2 nx by 2 ny: one mean before it is cut back to nx by ny
-  float* mean_x = nullptr;  // nx by ny: the squared mean under the sigma disc
+  float* mean_x = nullptr;  // nx by ny: the mean under the sigma disc, then its square
   float2* image_spec = nullptr;
   float2* square_spec = nullptr;
   float2* product = nullptr;

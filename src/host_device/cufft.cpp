@@ -78,14 +78,19 @@ class WisdomLock {
   int fd_ = -1;
 };
 
+// One line on standard error the first time, nothing after.
+void warn_once(bool* warned, const char* format, const char* file) {
+  if (!*warned) std::fprintf(stderr, format, file);
+  *warned = true;
+}
+
 // Writes through a new file and a rename, so a reader never sees half a file.
 void save_wisdom(const char* file) {
   const std::string tmp = std::string(file) + ".tmp" + std::to_string(getpid());
   if (fftwf_export_wisdom_to_filename(tmp.c_str()) != 0 && std::rename(tmp.c_str(), file) == 0) return;
   std::remove(tmp.c_str());
   static bool warned = false;
-  if (!warned) std::fprintf(stderr, "pickora: cannot write the FFT wisdom file %s; plans are measured again next run\n", file);
-  warned = true;
+  warn_once(&warned, "pickora: cannot write the FFT wisdom file %s; plans are measured again next run\n", file);
 }
 
 fftwf_plan plan_fftw(const HostPlan& p, float* r, fftwf_complex* c, unsigned flags) {
@@ -116,13 +121,11 @@ fftwf_plan make_variant(const HostPlan& p, bool in_place, bool unaligned) {
     const bool absent = access(file, F_OK) != 0;
     const bool ours = absent || fftwf_import_wisdom_from_filename(file) != 0;
     plan = plan_fftw(p, r, c, FFTW_MEASURE | alignment);
-    if (ours) {
+    static bool warned = false;
+    if (ours)
       save_wisdom(file);
-    } else {
-      static bool warned = false;
-      if (!warned) std::fprintf(stderr, "pickora: %s is not an FFT wisdom file; it is left as it is\n", file);
-      warned = true;
-    }
+    else
+      warn_once(&warned, "pickora: %s is not an FFT wisdom file; it is left as it is\n", file);
   } else {
     plan = plan_fftw(p, r, c, FFTW_ESTIMATE | alignment);
   }

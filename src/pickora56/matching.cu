@@ -80,29 +80,23 @@ std::size_t matching_spectra_budget() {
 
 namespace {
 
-template <class T>
-void free_device(T*& p) {
-  if (p != nullptr) PK_CUDA_CHECK(cudaFree(p));
-  p = nullptr;
-}
-
 std::size_t spectrum_values(const MatchWorkspace* ws) {
   return static_cast<std::size_t>(fft_half_width(static_cast<unsigned>(ws->nx))) * static_cast<std::size_t>(ws->ny);
 }
 
 void release_kept_spectra(MatchWorkspace* ws) {
-  for (TemplateSpectra& k : ws->kept) free_device(k.spectra);
+  for (TemplateSpectra& k : ws->kept) safe_cudaFree(k.spectra);
   ws->kept.clear();
   ws->kept_bytes = 0;
 }
 
 void release_image_scratch(MatchWorkspace* ws) {
   release_kept_spectra(ws);
-  free_device(ws->padded);
-  free_device(ws->correlation);
-  free_device(ws->mic_F);
-  free_device(ws->T_F);
-  free_device(ws->cc_F);
+  safe_cudaFree(ws->padded);
+  safe_cudaFree(ws->correlation);
+  safe_cudaFree(ws->mic_F);
+  safe_cudaFree(ws->T_F);
+  safe_cudaFree(ws->cc_F);
   if (ws->has_plans) {
     hcuda_2d_fft_destroy(ws->r2c);
     hcuda_2d_fft_destroy(ws->c2r);
@@ -135,7 +129,7 @@ void prepare_workspace(MatchWorkspace* ws, int nx, int ny, int tnx, int tny) {
   }
   const unsigned long template_pixels = static_cast<unsigned long>(tnx) * static_cast<unsigned long>(tny);
   if (ws->rotated_capacity < template_pixels) {
-    free_device(ws->rotated);
+    safe_cudaFree(ws->rotated);
     safe_cudaMalloc(&ws->rotated, sizeof(float) * template_pixels);
     ws->rotated_capacity = template_pixels;
   }
@@ -231,7 +225,6 @@ TemplateSpectra* kept_spectra_for(MatchWorkspace* ws, const float* T, int tnx, i
   k.ang_start = ang_start;
   k.ang_end = ang_end;
   k.ang_step = ang_step;
-  k.angles = angles;
   k.spectra = block;
   ws->kept.push_back(std::move(k));
   ws->kept_bytes += bytes;
@@ -253,7 +246,7 @@ float matching_scale(const float* mic, const float* mask, int nx, int ny, const 
 void match_workspace_release(MatchWorkspace* ws) {
   release_image_scratch(ws);
   ws->has_budget = false;
-  free_device(ws->rotated);
+  safe_cudaFree(ws->rotated);
   ws->rotated_capacity = 0;
 }
 
@@ -275,13 +268,14 @@ int pickora_ccmax_psi_by_one_template(MatchWorkspace* ws, float* mic, float* mas
   // With the map at minus infinity the first angle writes every pixel of both maps.
   hcuda_2d_memset(ccmax, -INFINITY, ux, uy);
   const std::size_t pixels = image_values(ws);
+  const auto correlation_map = [&](int j) { return ws->correlation + static_cast<std::size_t>(j) * pixels; };
   std::size_t k = 0;  // index of the batch's first angle
   float a = ang_start;
   while (ang_end > a) {
     AngleBatch batch{};
     int count = 0;
     for (; count < kAngleBatch && ang_end > a; a = a + ang_step, ++count) {
-      batch.correlation[count] = ws->correlation + static_cast<std::size_t>(count) * pixels;
+      batch.correlation[count] = correlation_map(count);
       batch.degrees[count] = a;
     }
     for (int j = count; j < kAngleBatch; ++j) {
@@ -292,12 +286,11 @@ int pickora_ccmax_psi_by_one_template(MatchWorkspace* ws, float* mic, float* mas
     for (int j = 0; j < count; ++j) {
       std::printf(".");
       std::fflush(stdout);
-      float* correlation = ws->correlation + static_cast<std::size_t>(j) * pixels;
       if (read_kept)
-        hcuda_2d_fft_exec_c2r(ws->c2r, ws->cc_F + static_cast<std::size_t>(j) * spectrum, correlation);
+        hcuda_2d_fft_exec_c2r(ws->c2r, ws->cc_F + static_cast<std::size_t>(j) * spectrum, correlation_map(j));
       else
         correlate_at_angle(ws, T, tnx, tny, batch.degrees[j],
-                           kept != nullptr ? kept->spectra + (k + j) * spectrum : nullptr, correlation);
+                           kept != nullptr ? kept->spectra + (k + j) * spectrum : nullptr, correlation_map(j));
     }
     hcuda_update_ccmax_psi_2d_batch(ccmax, batch, with_psi ? psi : nullptr, nx, ny);
     k += static_cast<std::size_t>(count);

@@ -288,8 +288,16 @@ StepOutcome mic_make_names(PickoraRun& run) {
   return StepOutcome::kNext;
 }
 
+// Whether a micrograph's final .box or .star file is already there.
+bool has_final_files(const char* mic) {
+  char box[1024], star[1024];
+  mrcf_set_outname_by_suffix(box, mic, "_pickora.box");
+  mrcf_set_outname_by_suffix(star, mic, "_pickora.star");
+  return is_file_pickora_done(box) || is_file_pickora_done(star);
+}
+
 StepOutcome mic_skip_if_done(PickoraRun& run) {
-  if (!is_file_pickora_done(run.name_box) && !is_file_pickora_done(run.name_star)) return StepOutcome::kNext;
+  if (!has_final_files(run.name)) return StepOutcome::kNext;
   std::printf("Micrograph %s has already been processed. Automatically skipped.\n", run.name);
   return StepOutcome::kSkipMicrograph;
 }
@@ -577,20 +585,11 @@ constexpr int count_of(const PickoraStep (&)[N]) {
   return static_cast<int>(N);
 }
 
-// Whether the skip step will pass over this micrograph (the same test on the same names).
-bool skipped_as_done(const Pickora_Para& para, const char* mic) {
-  if (!para.do_unfinished) return false;
-  char box[1024], star[1024];
-  mrcf_set_outname_by_suffix(box, mic, "_pickora.box");
-  mrcf_set_outname_by_suffix(star, mic, "_pickora.star");
-  return is_file_pickora_done(box) || is_file_pickora_done(star);
-}
-
 // Brings the next micrograph that will be picked into memory while this one is matched.
 void read_ahead_next(PickoraRun& run) {
   if (!read_ahead_enabled()) return;
   for (int next = run.mic + 1; next < run.para.nfiles; ++next) {
-    if (skipped_as_done(run.para, run.para.files[next])) continue;
+    if (run.para.do_unfinished != 0 && has_final_files(run.para.files[next])) continue;  // the skip step's test
     run.read_ahead.start(run.para.files[next]);
     return;
   }

@@ -70,17 +70,23 @@ void disc_mean_periodic(float* out, const float* in, unsigned px, unsigned py, f
 
 using LocalMean = void (*)(float*, const float*, unsigned, unsigned, float, float);
 
-// sqrt(mean(x^2) - mean(x)^2) with the given local mean; out may be in.
+// sigma = sqrt(mean(x^2) - mean(x)^2) from the two local means: mean_of_squares becomes sigma,
+// mean its square.
+void sigma_from_means(float* mean_of_squares, float* mean, unsigned nx, unsigned ny) {
+  hcuda_2d_sqr_inplace(mean, nx, ny);
+  hcuda_x2d_sub_inplace(mean_of_squares, mean, nx, ny);
+  hcuda_2d_sqrt_inplace(mean_of_squares, nx, ny);
+}
+
+// The local sigma with the given local mean; out may be in.
 void local_sigma(LocalMean local_mean, float* out, const float* in, unsigned nx, unsigned ny, float radius,
                  float soft) {
-  float* mean_sq = device_array<float>(static_cast<unsigned long>(nx) * ny);
-  local_mean(mean_sq, in, nx, ny, radius, soft);
-  hcuda_2d_sqr_inplace(mean_sq, nx, ny);
+  float* mean = device_array<float>(static_cast<unsigned long>(nx) * ny);
+  local_mean(mean, in, nx, ny, radius, soft);
   hcuda_2d_sqr(out, in, nx, ny);
   local_mean(out, out, nx, ny, radius, soft);
-  hcuda_x2d_sub_inplace(out, mean_sq, nx, ny);
-  hcuda_2d_sqrt_inplace(out, nx, ny);
-  PK_CUDA_CHECK(cudaFree(mean_sq));
+  sigma_from_means(out, mean, nx, ny);
+  PK_CUDA_CHECK(cudaFree(mean));
 }
 
 // data = data - local_mean(data).
@@ -100,12 +106,6 @@ void on_device_copy(float* h_out, const float* h_in, unsigned nx, unsigned ny, O
   op(d);
   PK_CUDA_CHECK(memcpy_D2H(h_out, d, sizeof(float) * n));
   PK_CUDA_CHECK(cudaFree(d));
-}
-
-template <class T>
-void free_array(T*& p) {
-  if (p != nullptr) PK_CUDA_CHECK(cudaFree(p));
-  p = nullptr;
 }
 
 void prepare_local_maps(LocalMapsWorkspace* ws, unsigned nx, unsigned ny) {
@@ -145,18 +145,18 @@ void padded_mean(LocalMapsWorkspace* ws, float* out, const float2* spectrum, std
 }  // namespace
 
 void local_maps_workspace_release(LocalMapsWorkspace* ws) {
-  for (SoftDiscSpectrum& d : ws->discs) free_array(d.spectrum);
+  for (SoftDiscSpectrum& d : ws->discs) safe_cudaFree(d.spectrum);
   ws->discs.clear();
   if (ws->nx != 0) {
     hcuda_2d_fft_destroy(ws->r2c);
     hcuda_2d_fft_destroy(ws->c2r);
   }
-  free_array(ws->padded);
-  free_array(ws->mean);
-  free_array(ws->mean_x);
-  free_array(ws->image_spec);
-  free_array(ws->square_spec);
-  free_array(ws->product);
+  safe_cudaFree(ws->padded);
+  safe_cudaFree(ws->mean);
+  safe_cudaFree(ws->mean_x);
+  safe_cudaFree(ws->image_spec);
+  safe_cudaFree(ws->square_spec);
+  safe_cudaFree(ws->product);
   ws->nx = ws->ny = 0;
 }
 
@@ -172,12 +172,9 @@ void hcuda_2d_local_ave_sigma_mpad(LocalMapsWorkspace* ws, float* lave, float* l
   const std::size_t ave = kept_disc(ws, ave_radius, soft), sigma = kept_disc(ws, sigma_radius, soft);
 
   padded_mean(ws, lave, ws->image_spec, ave);
-  // sigma = sqrt(mean(x^2) - mean(x)^2), in the order of local_sigma.
   padded_mean(ws, ws->mean_x, ws->image_spec, sigma);
-  hcuda_2d_sqr_inplace(ws->mean_x, nx, ny);
   padded_mean(ws, lsigma, ws->square_spec, sigma);
-  hcuda_x2d_sub_inplace(lsigma, ws->mean_x, nx, ny);
-  hcuda_2d_sqrt_inplace(lsigma, nx, ny);
+  sigma_from_means(lsigma, ws->mean_x, nx, ny);
 }
 
 void hcuda_2d_generate_rmask_soft(float* mask, unsigned nx, unsigned ny, float cx, float cy, float radius,
