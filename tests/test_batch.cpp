@@ -35,7 +35,7 @@ TEST(BatchRecipe, TwoProcessesEqualOneRunAndResume) {
     }
   // Everything is finished: a second call skips every micrograph.
   ASSERT_EQ(run_command("cd '" + dir.path() + "/two' && " + batch, out), 0) << out;
-  EXPECT_EQ(run_command("grep -c 'already been processed' '" + dir.path() + "/two/pickora-batch-logs/job_0.log'", out), 0);
+  EXPECT_EQ(run_command("grep -c 'already been processed' '" + dir.path() + "/two/pickora-batch-logs/latest/job_0.log'", out), 0);
   EXPECT_EQ(out, "2\n");
 }
 

@@ -227,7 +227,7 @@ TEST(BoxFilterDeathTest, DamagedOrUnopenableFilesAreFatalAndEarlierOutputKept) {
   EXPECT_EXIT_REPORT(box_filter(280, 280, kMinDist, 0.1f, 1.0f, 20, 20, make_int2(0, 0), in.c_str(), "NULL",
                                 dir.file("no_such_folder/mic.box").c_str(), 2),
                      "Cannot write to file .*no_such_folder/mic.box. Permission denied or no space left!.*"
-                     "function box_filter\\(\\), file src/boxfile .*open file '.*mic.box' failed");
+                     "open file '.*mic.box' failed");
   EXPECT_EXIT_REPORT(box_filter(280, 280, kMinDist, 0.1f, 1.0f, 20, 20, make_int2(0, 0),
                                 dir.file("absent_nonunique.box").c_str(), "NULL", out.c_str(), 2),
                      "Cannot open file .*absent_nonunique.box. Permission denied or wrong file name");

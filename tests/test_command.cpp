@@ -495,10 +495,10 @@ TEST_F(Command, GivenTemplateNameAndAngleStepShowAsGiven) {
   EXPECT_TRUE(has(r.out, "parameter '--apixT'"));
 }
 
-TEST_F(Command, DoUnfinishedSkipsAMicrographWithOnlyItsStar) {
+TEST_F(Command, DoUnfinishedSkipsAMicrographWithItsBox) {
   mic("a.mrc");
   mic("b.mrc");
-  std::ofstream(dir.file("a_pickora.star")) << "data_\n";
+  std::ofstream(dir.file("a_pickora.box")) << "";
   const RunResult r = run({"--do_unfinished", "a.mrc", "b.mrc"});
   ASSERT_EQ(r.status, 0) << r.out;
   EXPECT_TRUE(has(r.out, "\n" + std::string(129, '-') +
@@ -527,12 +527,12 @@ TEST_F(Command, MissingOrDifferentSizeLaterMicrographStopsTheRunWhenReached) {
   EXPECT_TRUE(has(gone.out, "File a.mrc finished.\n"));
   EXPECT_TRUE(has(gone.out, "Cannot open file gone.mrc. Permission denied or wrong file name.\n"));
   EXPECT_TRUE(has(gone.out, "open file 'gone.mrc' failed.! Exit now!"));
-  // A different size stops before reading, after the empty candidate file was opened.
+  // A different size stops before reading; the unfinished candidate file is not left behind.
   const RunResult other = run({"a.mrc", "b.mrc"});
   EXPECT_EQ(other.status, 1);
   EXPECT_TRUE(has(other.out, "File a.mrc finished.\n"));
   EXPECT_FALSE(has(other.out, "Reading File b.mrc"));
-  EXPECT_TRUE(fs::exists(dir.file("b_nonunique.box")));
+  EXPECT_FALSE(fs::exists(dir.file("b_nonunique.box")));
 }
 
 }  // namespace

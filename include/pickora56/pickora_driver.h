@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdio>
+#include <memory>
 
 #include "boxfile/ptcl_box.h"
 #include "mrcfile/mrcfile.h"
@@ -10,6 +11,7 @@
 #include "pickora56/pickora_para.h"
 #include "pickora56/read_ahead.h"
 #include "process2d_raw/local_stats.h"
+#include "txt_file/atomic_file.h"
 
 // Sizes of the whole run; 32-bit signed, integer divisions truncate.
 struct Pickora_Sizes {
@@ -31,6 +33,10 @@ int pickora_check_template_fits(int tnx, int tny, int work_size);
 
 // 1 when the file exists and can be read, else 0.
 int is_file_pickora_done(const char* name);
+// Whether a micrograph counts as finished for --do_unfinished: its final .box file exists.
+// The .box file is renamed into place after every other output of the micrograph is
+// complete, so it stands for all of them.
+bool pickora_mic_finished(const char* mic);
 // Clears the 1024-byte out and writes name, less ".mrc" or ".mrcs", plus "_nonunique.box".
 // The shrink factor is not part of the name.
 void set_name_shrinked_box(char* out, const char* name, int shrink);
@@ -60,7 +66,8 @@ struct PickoraRun {
   char name_candidates[1024];
   char name_star[1024];
   FILE* fp_mic;
-  FILE* fp_candidates;
+  std::unique_ptr<AtomicFile> candidates;  // the candidate file while the templates add to it
+  std::unique_ptr<StagedName> box_staged;  // the final .box, renamed last: the finished mark
 
   // Long-lived buffers, allocated once from the first head's sizes.
   float* raw;     // host, nx * ny: slice 0 of the current micrograph

@@ -10,6 +10,7 @@
 #include "cuda_general/cuda_general.h"
 #include "cuda_general/report.h"
 #include "txt_file/arrays_strings.h"
+#include "txt_file/atomic_file.h"
 #include "txt_file/txt_file.h"
 
 namespace {
@@ -137,23 +138,6 @@ void apply_exclusion(Cells& cells, const BoxFilterGrid& g, const std::vector<PTC
   }
 }
 
-FILE* open_output_or_exit(const char* name) {
-  FILE* fp = std::fopen(name, "w+");
-  if (fp == nullptr) {
-    std::printf("Cannot write to file %s. Permission denied or no space left!\n", name);
-    report_fatal(kFilter, __FILE__, __LINE__, "open file '%s' failed.", name);
-  }
-  return fp;
-}
-
-void close_output_or_exit(FILE* fp, const char* name) {
-  const bool failed = std::ferror(fp) != 0;
-  if (std::fclose(fp) != 0 || failed) {
-    std::printf("Cannot write to file %s. Permission denied or no space left!\n", name);
-    report_fatal(kFilter, __FILE__, __LINE__, "open file '%s' failed.", name);
-  }
-}
-
 struct Geometry {
   float shrink;
   int boxx, boxy;
@@ -211,11 +195,11 @@ int box_filter(int nx, int ny, float min_dist, float cc_cutoff, float shrink, in
   neighbour_pass(cells, g, cc_cutoff);
   apply_exclusion(cells, g, read_excluded(excluded, g.cells), shrink, origin);
 
-  FILE* fp = open_output_or_exit(output);
-  if (mode == BOX_FILTER_STAR) output_starbox_head(fp);
+  AtomicFile out(output);  // a kill or a full disk leaves no partial file under the final name
+  if (mode == BOX_FILTER_STAR) output_starbox_head(out.stream());
   const Geometry geo{shrink, boxx, boxy, origin};
   for (int c = 0; c < g.cells; ++c)
-    if (cells.cls[c] != -1 && cells.index[c] != 0) write_cell(fp, cells, c, g, geo, mode);
-  close_output_or_exit(fp, output);
+    if (cells.cls[c] != -1 && cells.index[c] != 0) write_cell(out.stream(), cells, c, g, geo, mode);
+  out.commit();
   return 0;
 }

@@ -6,6 +6,7 @@
 #include "cuda_general/report.h"
 #include "math_utils/host_stats.h"
 #include "mrcfile/mrcfile.h"
+#include "txt_file/atomic_file.h"
 
 namespace {
 
@@ -128,17 +129,19 @@ int mrc_update_slcX(FILE* stream, int x, const float* data) {
   return 0;
 }
 
+// Whole files by path appear complete or not at all: a kill or a full disk leaves no partial
+// image under the final name, and a failed write ends the run naming the file.
 int mrcf_write_head_data(const char* path, MRC_HEAD* head, const float* data) {
-  FILE* f = mrc_open_or_die(path, "w+", __func__, __LINE__);
-  mrc_write_head_data(f, head, data);
-  close_written(f, path, __func__, __LINE__);
+  AtomicFile out(path);
+  mrc_write_head_data(out.stream(), head, data);
+  out.commit();
   return 0;
 }
 
 int mrcf_write_head_ddata(const char* path, MRC_HEAD* head, const float* device_data) {
-  FILE* f = mrc_open_or_die(path, "w+", __func__, __LINE__);
-  mrc_write_head_ddata(f, head, device_data);
-  close_written(f, path, __func__, __LINE__);
+  AtomicFile out(path);
+  mrc_write_head_ddata(out.stream(), head, device_data);
+  out.commit();
   return 0;
 }
 

@@ -3,6 +3,7 @@
 
 #include "cuda_general/report.h"
 #include "pickora56/ice_detect.h"
+#include "txt_file/atomic_file.h"
 
 namespace {
 
@@ -24,11 +25,8 @@ bool away_from_rim(int x, int y, int nx, int ny, int half) {
 
 int output_ice_coord(const char* path, const unsigned int* grid, const float* cell_ave, const float* cell_sigma,
                      int nx, int ny, int2 origin, int ice_step, int shrink, int mode) {
-  FILE* f = std::fopen(path, "w");
-  if (f == nullptr) {
-    std::printf("Cannot write to file %s. Permission denied or no space left!\n", path);
-    PK_FATAL("open file '%s' failed.", path);
-  }
+  AtomicFile out(path);
+  FILE* f = out.stream();
   if (mode == 1) write_xy_star_head(f);
   const int half = ice_step / 2;
   const int cells = ice_cells_across(nx, ice_step) * ice_cells_across(ny, ice_step);
@@ -43,6 +41,6 @@ int output_ice_coord(const char* path, const unsigned int* grid, const float* ce
       std::fprintf(f, "%-8d%-8d%-8d%-8d\t%-8.6f\t%-8.6f\n", (x - half) * shrink + origin.x,
                    (y - half) * shrink + origin.y, ice_step * shrink, ice_step * shrink, cell_ave[c], cell_sigma[c]);
   }
-  std::fclose(f);
+  out.commit();
   return 0;
 }

@@ -6,6 +6,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -66,6 +67,12 @@ int pickora_check_template_fits(int tnx, int tny, int work_size) {
 }
 
 int is_file_pickora_done(const char* name) { return access(name, F_OK) == 0 && access(name, R_OK) == 0 ? 1 : 0; }
+
+bool pickora_mic_finished(const char* mic) {
+  char box[PICKORA_NAME_LEN];
+  mrcf_set_outname_by_suffix(box, mic, "_pickora.box");
+  return is_file_pickora_done(box) != 0;
+}
 
 void set_name_shrinked_box(char* out, const char* name, int shrink) {
   (void)shrink;
@@ -288,26 +295,17 @@ StepOutcome mic_make_names(PickoraRun& run) {
   return StepOutcome::kNext;
 }
 
-// Whether a micrograph's final .box or .star file is already there.
-bool has_final_files(const char* mic) {
-  char box[1024], star[1024];
-  mrcf_set_outname_by_suffix(box, mic, "_pickora.box");
-  mrcf_set_outname_by_suffix(star, mic, "_pickora.star");
-  return is_file_pickora_done(box) || is_file_pickora_done(star);
-}
-
 StepOutcome mic_skip_if_done(PickoraRun& run) {
-  if (!has_final_files(run.name)) return StepOutcome::kNext;
+  if (!pickora_mic_finished(run.name)) return StepOutcome::kNext;
   std::printf("Micrograph %s has already been processed. Automatically skipped.\n", run.name);
   return StepOutcome::kSkipMicrograph;
 }
 
 StepOutcome mic_open_candidates(PickoraRun& run) {
-  run.fp_candidates = std::fopen(run.name_candidates, "w+");  // empties an older one
-  if (run.fp_candidates == nullptr) {
-    std::printf("Cannot write to file %s. Permission denied or no space left!\n", run.name_candidates);
-    PK_FATAL("open file '%s' failed.", run.name_candidates);
-  }
+  // The micrograph is picked anew: an older .box would mark a half-done rerun as finished.
+  if (std::remove(run.name_box) != 0 && errno != ENOENT)
+    PK_FATAL("the older result %s can't be removed (%s)", run.name_box, std::strerror(errno));
+  run.candidates.reset(new AtomicFile(run.name_candidates));  // replaces an older one when complete
   return StepOutcome::kNext;
 }
 
@@ -493,7 +491,7 @@ StepOutcome tmpl_find_peaks(PickoraRun& run) {
 }
 
 StepOutcome tmpl_write_candidates(PickoraRun& run) {
-  output_pickora_coord_one_temp(run.fp_candidates, run.peak_index, run.peak_cc, run.peak_psi, run.t,
+  output_pickora_coord_one_temp(run.candidates->stream(), run.peak_index, run.peak_cc, run.peak_psi, run.t,
                                 run.sizes.grid_cells, run.sizes.work_size, run.sizes.work_size,
                                 run.para.boxsize / run.para.shrink);
   return StepOutcome::kNext;
@@ -524,8 +522,8 @@ StepOutcome mic_close_micrograph(PickoraRun& run) {
 }
 
 StepOutcome mic_close_candidates(PickoraRun& run) {
-  std::fclose(run.fp_candidates);  // box_filter reads it back by name
-  run.fp_candidates = nullptr;
+  run.candidates->commit();  // box_filter reads it back by name
+  run.candidates.reset();
   return StepOutcome::kNext;
 }
 
@@ -535,8 +533,17 @@ void filter_candidates(const PickoraRun& run, const char* output, int mode) {
              run.name_candidates, run.name_excluded, output, mode);
 }
 
+// The .box file is written under its temporary name; the extraction reads it there, and it
+// takes its final name last (mic_commit_box).
 StepOutcome mic_box_filter(PickoraRun& run) {
-  filter_candidates(run, run.name_box, BOX_FILTER_BOX);
+  run.box_staged.reset(new StagedName(run.name_box));
+  filter_candidates(run, run.box_staged->temp_name(), BOX_FILTER_BOX);
+  return StepOutcome::kNext;
+}
+
+StepOutcome mic_commit_box(PickoraRun& run) {
+  run.box_staged->commit();
+  run.box_staged.reset();
   return StepOutcome::kNext;
 }
 
@@ -546,7 +553,7 @@ StepOutcome mic_star_filter(PickoraRun& run) {
 }
 
 StepOutcome mic_extract(PickoraRun& run) {
-  mrcf_2d_extract_ptcls_from_micrograph(run.name, run.name_box, run.para.boxsize, 0);
+  mrcf_2d_extract_ptcls_from_micrograph(run.name, run.box_staged->temp_name(), run.para.boxsize, 0);
   return StepOutcome::kNext;
 }
 
@@ -577,6 +584,7 @@ const PickoraStep kAfterTemplates[] = {
     {36, "box filter into the final .box file", nullptr, mic_box_filter},
     {37, "box filter into the final .star file", flag_gate<&Pickora_Para::write_star>, mic_star_filter},
     {38, "particle stack", flag_gate<&Pickora_Para::extract_raw>, mic_extract},
+    {38, "the final .box file takes its name: the micrograph is finished", nullptr, mic_commit_box},
     {39, "finished line and PICKING time", nullptr, mic_finished},
 };
 
@@ -589,7 +597,7 @@ constexpr int count_of(const PickoraStep (&)[N]) {
 void read_ahead_next(PickoraRun& run) {
   if (!read_ahead_enabled()) return;
   for (int next = run.mic + 1; next < run.para.nfiles; ++next) {
-    if (run.para.do_unfinished != 0 && has_final_files(run.para.files[next])) continue;  // the skip step's test
+    if (run.para.do_unfinished != 0 && pickora_mic_finished(run.para.files[next])) continue;  // the skip step's test
     run.read_ahead.start(run.para.files[next]);
     return;
   }
@@ -599,6 +607,8 @@ void process_micrograph(PickoraRun& run, int mic) {
   run.mic = mic;
   run.name = run.para.files[mic];
   run.read_ahead.finish();  // whatever it has not read yet, the reading step reads
+  run.candidates.reset();   // an unfinished micrograph before leaves nothing behind
+  run.box_staged.reset();
   if (run_steps("micrograph", kMicrograph, count_of(kMicrograph), run) == StepOutcome::kSkipMicrograph) return;
   read_ahead_next(run);
   // Template spectra pay only when a later micrograph reads them.
@@ -649,7 +659,9 @@ int pickora_main(int argc, char** argv) {
     pickora_help_full(argv[0]);
     return 0;
   }
-  PickoraRun* run = new PickoraRun{};  // large: the name buffers and two heads
+  // Large (the name buffers and two heads); owned here so that an error that unwinds removes
+  // the unfinished outputs of the current micrograph.
+  std::unique_ptr<PickoraRun> run(new PickoraRun{});
   run->t_run = t_run;
   run->argc = argc;
   run->argv = argv;
@@ -663,6 +675,5 @@ int pickora_main(int argc, char** argv) {
   release_buffers(*run);
   print_closing(*run);
   pickora_free_parameters(&run->para);
-  delete run;
   return 0;
 }
