@@ -80,6 +80,7 @@ struct PickoraRun {
   unsigned* d_grid;  // device, grid_cells: exclusion grid
   PTCL_BOX* excluded;  // host, grid_cells: boxes of the current exclude file
   int excluded_count;
+  int skipped;  // micrographs passed over as damaged or blank
   unsigned* peak_index;  // host, grid_cells each: one peak search
   float* peak_cc;
   float* peak_psi;

@@ -27,6 +27,7 @@
 #include "process2d_raw/meanshrink.h"
 #include "math_utils/host_stats.h"
 #include "pickora56/pickora_help.h"
+#include "pickora56/pixel_check.h"
 #include "txt_file/arrays_strings.h"
 #include "txt_file/txt_file.h"
 
@@ -199,6 +200,7 @@ StepOutcome prep_load_templates(PickoraRun& run) {
   const Pickora_Para& p = run.para;
   run.templates = get_or_create_template_data(run.tnx, run.tny, run.tnz, p.T, p.T_radius, p.apixT, p.apixM, p.shrink,
                                               p.m_edge_ratio);
+  if (!p.auto_T) pickora_require_usable_templates(run.templates, run.tnx, run.tny, run.tnz, p.T);
   pickora_check_template_fits(run.tnx, run.tny, run.sizes.work_size);
   return StepOutcome::kNext;
 }
@@ -326,6 +328,18 @@ StepOutcome mic_read_slice(PickoraRun& run) {
   return StepOutcome::kNext;
 }
 
+// A damaged or blank micrograph is said so and, where it can't be repaired, passed over: no
+// result is written for it, and the run goes on with the next one.
+StepOutcome mic_check_pixels(PickoraRun& run) {
+  const size_t raw = static_cast<size_t>(run.sizes.nx) * static_cast<size_t>(run.sizes.ny);
+  if (pickora_accept_micrograph_pixels(run.raw, raw, run.name)) return StepOutcome::kNext;
+  std::fclose(run.fp_mic);
+  run.fp_mic = nullptr;
+  run.candidates.reset();
+  ++run.skipped;
+  return StepOutcome::kSkipMicrograph;
+}
+
 StepOutcome mic_read_excluded(PickoraRun& run) {
   run.excluded_count = 0;
   if (is_str_null(run.name_excluded)) return StepOutcome::kNext;
@@ -451,6 +465,7 @@ const PickoraStep kMicrograph[] = {
     {5, "open the micrograph, read its head", nullptr, mic_open_and_read_head},
     {6, "compare with the first head", nullptr, mic_check_head},
     {7, "read slice 0", nullptr, mic_read_slice},
+    {7, "damaged or blank pixels", nullptr, mic_check_pixels},
     {8, "exclude file", nullptr, mic_read_excluded},
     {9, "READING time", nullptr, mic_reading_time},
     {10, "shrink to the even square work image", nullptr, mic_shrink},
@@ -640,6 +655,10 @@ void release_buffers(PickoraRun& run) {
 void print_closing(const PickoraRun& run) {
   print_rule('#', 129);
   std::printf("All %d files finished successfully:\n", run.para.nfiles);
+  if (run.skipped > 0)
+    PK_WARNING("%d of the %d micrographs were skipped as damaged or blank (see the warnings above) and have no "
+               "results",
+               run.skipped, run.para.nfiles);
   pickora_print_time("TOTAL", run.t_run);
   print_rule('#', 129);
   std::putchar('\n');

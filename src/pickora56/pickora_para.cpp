@@ -4,6 +4,8 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -11,6 +13,7 @@
 #include "cuda_general/report.h"
 #include "pickora56/pickora_help.h"
 #include "txt_file/arrays_strings.h"
+#include "txt_file/number_options.h"
 #include "txt_file/txt_file.h"
 
 const char* const PICKORA_OPTIONS[PICKORA_NOPTIONS] = {
@@ -166,6 +169,59 @@ bool was_given(const OptionsSeen& seen, const char* name) {
 float token_to_float(const char* token) { return static_cast<float>(std::strtod(token, nullptr)); }
 int token_to_int(const char* token) { return static_cast<int>(std::strtol(token, nullptr, 10)); }
 
+// What each number option can mean. A value outside is refused while parsing, naming the
+// option, so that a typo never runs as 0, NaN or a value that picks nothing. Relations between
+// options and with the micrograph's size are checked once those are known.
+struct OptionRange {
+  const char* name;
+  double lo;
+  bool lo_open;  // lo itself refused
+  double hi;
+  const char* unit;
+};
+constexpr double kNoLimit = HUGE_VAL;
+const OptionRange kRanges[] = {
+    // Together these bound the template resampling ratio to 1e-4 .. 1e4, whose sizes the
+    // template loader can still test without overflow.
+    {"apixM", 0.01, false, 100.0, " angstrom"},
+    {"apixT", 0.01, false, 100.0, " angstrom"},
+    {"diameter", 0.0, true, 1e5, " angstrom"},
+    {"ang_step", 0.0, true, 360.0, " degrees"},
+    {"speed", INT_MIN, false, INT_MAX, ""},  // the speed table says which levels exist
+    {"boxsize", 2, false, 65536, " pixels"},
+    {"min_dist", 0.0, true, 1e5, " angstrom"},
+    {"cc_cutoff", -1.0, false, 1.0, ""},
+    {"lsigma_cutoff", 0.0, true, kNoLimit, ""},
+    {"lave_max", -kNoLimit, false, kNoLimit, ""},
+    {"lave_min", -kNoLimit, false, kNoLimit, ""},
+    {"lsigma_D", 0.0, true, 1e5, " angstrom"},
+    {"lave_D", 0.0, true, 1e5, " angstrom"},
+    {"lp", 0.0, true, 1e5, " angstrom"},
+    {"hp", 0.0, true, 1e6, " angstrom"},
+    {"pre_lp", 0.0, true, 1e5, " angstrom"},
+    {"pre_hp", 0.0, true, 1e6, " angstrom"},
+    {"T_norm_type", 0, false, 3, ""},
+    {"m_edge_ratio", 0.0, false, 1.0, ""},
+    {"kV", -kNoLimit, false, kNoLimit, ""},  // accepted and without effect: any number
+    {"cs", -kNoLimit, false, kNoLimit, ""},
+    {"ac", -kNoLimit, false, kNoLimit, ""},
+    {"gid", 0, false, 4095, ""},
+};
+
+const OptionRange& range_of(const OptionSpec& option) {
+  for (const OptionRange& r : kRanges)
+    if (std::strcmp(r.name, option.name) == 0) return r;
+  PK_FATAL("no range for option '%s' in the option table", option.name);
+}
+
+// The value of a number option, checked: the option's word as the user typed it names it.
+double checked_number(const OptionSpec& option, const char* option_token, const char* value) {
+  const OptionRange& r = range_of(option);
+  if (option.kind == OptionKind::kInt)
+    return parse_int(option_token, value, static_cast<int>(r.lo), static_cast<int>(r.hi));
+  return parse_number_in(option_token, value, r.lo, r.lo_open, r.hi, r.unit);
+}
+
 [[noreturn]] void unknown_option_exit(const char* token) {
   std::printf("\033[41m\033[1m\033[5mCRITICAL ERROR:\033[min function %s(), file %s on line %d. Failed to "
               "recognize option: \033[41m\033[1m\033[5m%s!\033[m Exit now. Check your input please.\n\n",
@@ -178,8 +234,8 @@ int token_to_int(const char* token) { return static_cast<int>(std::strtol(token,
 // Stores the value token of a value option into the record.
 void store_value(const OptionSpec& option, const char* option_token, const char* value, Pickora_Para* para) {
   switch (option.kind) {
-    case OptionKind::kFloat: para->*option.f = token_to_float(value); break;
-    case OptionKind::kInt: para->*option.i = token_to_int(value); break;
+    case OptionKind::kFloat: para->*option.f = static_cast<float>(checked_number(option, option_token, value)); break;
+    case OptionKind::kInt: para->*option.i = static_cast<int>(checked_number(option, option_token, value)); break;
     case OptionKind::kString:
       if (std::strlen(value) >= static_cast<size_t>(PICKORA_NAME_LEN))
         PK_FATAL("the value of option %s is longer than %d characters", option_token, PICKORA_NAME_LEN - 1);
@@ -296,6 +352,22 @@ void print_missing_option_warnings(Pickora_Para* para, const OptionsSeen& seen) 
   }
 }
 
+// Options that are each in range but mean nothing together.
+void check_option_relations(Pickora_Para* para) {
+  if (!(para->lave_min < para->lave_max))
+    PK_FATAL("--lave_min (%g) must be below --lave_max (%g): no local average could pass", para->lave_min,
+             para->lave_max);
+  if (!(para->lp < para->hp))
+    PK_FATAL("--lp (%g angstrom) must be below --hp (%g angstrom): the band-pass would keep nothing", para->lp,
+             para->hp);
+  const float nyquist = 2.0f * para->apixM * static_cast<float>(para->shrink);
+  if (para->lp < nyquist) {
+    PK_WARNING("--lp %g angstrom is finer than the work image holds (%g angstrom at --speed %d); %g is used", para->lp,
+               nyquist, para->speed, nyquist);
+    para->lp = nyquist;
+  }
+}
+
 char* new_name_buffer(const char* text) {
   char* buffer = static_cast<char*>(std::calloc(PICKORA_NAME_LEN, 1));
   if (buffer == nullptr) PK_FATAL("out of host memory");
@@ -384,6 +456,7 @@ int pickora_get_parameters(int argc, char** argv, Pickora_Para* para) {
   if (para->nfiles == 0) pickora_help_exit(argv[0], "no micrograph on the command line");
   // A step of zero or less would never finish the turn through the in-plane angles.
   if (!(para->ang_step > 0.0f)) PK_FATAL("--ang_step must be above 0 degrees, not %g", para->ang_step);
+  check_option_relations(para);
   check_and_set_gid(para->gid);
   print_missing_option_warnings(para, seen);
   std::fflush(stdout);

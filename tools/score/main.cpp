@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "cuda_general/report.h"
-#include "../common/number_options.h"
+#include "txt_file/number_options.h"
 #include "score_io.h"
 #include "score_match.h"
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "cuda_general/report.h"
-#include "../common/number_options.h"
+#include "txt_file/number_options.h"
 #include "sim_output.h"
 #include "sim_scene.h"
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "../common/contamination_areas.h"
-#include "../common/number_options.h"
+#include "txt_file/number_options.h"
 #include "boxfile/ptcl_box.h"
 #include "cuda_general/report.h"
 #include "mrcfile/mrcfile.h"
