@@ -195,10 +195,10 @@ TEST(Parser, OptionNamesAndValues) {
   EXPECT_EQ(p.para.write_star, 0);
   ASSERT_EQ(p.para.nfiles, 1);
   EXPECT_STREQ(p.para.files[0], "a.mrc");
-  // A value option takes the next token whatever it looks like; a bad number is 0.
-  Parsed v({"--lave_min", "-1.5", "--lp", "abc", "--excluded_suffix", "--weird", "--gid", "0", "m1.mrc", "m2.mrc"});
+  // A value option takes the next token whatever it looks like.
+  Parsed v({"--lave_min", "-1.5", "--lp", "25", "--excluded_suffix", "--weird", "--gid", "0", "m1.mrc", "m2.mrc"});
   EXPECT_EQ(v.para.lave_min, -1.5f);
-  EXPECT_EQ(v.para.lp, 0.0f);
+  EXPECT_EQ(v.para.lp, 25.0f);
   EXPECT_STREQ(v.para.excluded_suffix, "--weird");
   ASSERT_EQ(v.para.nfiles, 2);
   EXPECT_STREQ(v.para.files[1], "m2.mrc");

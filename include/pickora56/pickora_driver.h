@@ -31,6 +31,12 @@ int pickora_set_grid_sizes(const Pickora_Para* para, Pickora_Sizes* sizes);
 // when tnx or tny exceeds work_size. Returns 0.
 int pickora_check_template_fits(int tnx, int tny, int work_size);
 
+// Ends the run, naming the micrograph and the cause, when it is a folder or no regular file,
+// is shorter than an MRC head, or (with its head) is shorter than the data the head promises.
+void pickora_require_mrc_file(const char* name, const MRC_HEAD* head);
+// Ends the run when a box of boxsize pixels can't fit in an nx by ny micrograph. Returns 0.
+int pickora_check_box_fits(int boxsize, int nx, int ny, const char* name);
+
 // 1 when the file exists and can be read, else 0.
 int is_file_pickora_done(const char* name);
 // Whether a micrograph counts as finished for --do_unfinished: its final .box file exists.

@@ -3,6 +3,7 @@
 // gate, so a module that brings a step adds one row to its table and nothing else moves.
 #include "pickora56/pickora_driver.h"
 
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -52,8 +53,18 @@ int pickora_grid_step(float min_dist, int shrink, float apixM) {
 
 int pickora_set_grid_sizes(const Pickora_Para* para, Pickora_Sizes* sizes) {
   sizes->grid_step = pickora_grid_step(para->min_dist, para->shrink, para->apixM);
-  if (sizes->grid_step <= 9) PK_FATAL("--min_dist too small! ");
+  if (sizes->grid_step <= 9) {
+    std::printf("--min_dist %g angstrom gives peak-search cells of %d work pixels at --apixM %g and --speed %d; at "
+                "least 10 are needed (without --min_dist it is 0.8 times --diameter)\n",
+                static_cast<double>(para->min_dist), sizes->grid_step, static_cast<double>(para->apixM), para->speed);
+    PK_FATAL("--min_dist too small! ");
+  }
   sizes->grid_nx = (sizes->work_size + sizes->grid_step - 1) / sizes->grid_step;
+  // The cells of the rim are never picked: with fewer than 3 across nothing could be.
+  if (sizes->grid_nx < 3)
+    PK_FATAL("--min_dist %g angstrom gives peak-search cells of %d work pixels, so the work image (%d pixels) has "
+             "%d across; at least 3 are needed, since the rim cells are never picked: lower --min_dist or --diameter",
+             static_cast<double>(para->min_dist), sizes->grid_step, sizes->work_size, sizes->grid_nx);
   sizes->grid_ny = sizes->grid_nx;  // the maps are square
   sizes->grid_cells = sizes->grid_nx * sizes->grid_ny;
   return 0;
@@ -64,6 +75,31 @@ int pickora_check_template_fits(int tnx, int tny, int work_size) {
     PK_FATAL("the templates (%d x %d pixels after shrinking) are larger than the work image (%d x %d pixels); "
              "use a smaller --speed or smaller templates",
              tnx, tny, work_size, work_size);
+  return 0;
+}
+
+void pickora_require_mrc_file(const char* name, const MRC_HEAD* head) {
+  struct stat st;
+  if (stat(name, &st) != 0) PK_FATAL("the micrograph %s can't be examined (%s)", name, std::strerror(errno));
+  if (S_ISDIR(st.st_mode)) PK_FATAL("the micrograph %s is a folder, not an MRC file", name);
+  if (!S_ISREG(st.st_mode)) PK_FATAL("the micrograph %s is not a regular file", name);
+  const long long bytes = static_cast<long long>(st.st_size);
+  if (bytes < static_cast<long long>(sizeof(MRC_HEAD)))
+    PK_FATAL("the micrograph %s is %lld bytes long, shorter than the 1024-byte MRC head: not an MRC file", name, bytes);
+  if (head == nullptr) return;
+  const long long needed = static_cast<long long>(sizeof(MRC_HEAD)) + static_cast<long long>(head->nx) * head->ny *
+                                                                          head->nz * mrc_sample_bytes(head->mode);
+  if (bytes < needed)
+    PK_FATAL("the micrograph %s is %lld bytes long, but its head (%d x %d pixels, %d slices, mode %d) needs %lld: "
+             "the file is cut short or its head is damaged",
+             name, bytes, head->nx, head->ny, head->nz, head->mode, needed);
+}
+
+int pickora_check_box_fits(int boxsize, int nx, int ny, const char* name) {
+  if (boxsize >= nx || boxsize >= ny)
+    PK_FATAL("the box of %d micrograph pixels (--boxsize, or 1.33 times --diameter over --apixM) is not smaller than "
+             "the micrograph %s (%d x %d pixels): no box fits, nothing could be picked",
+             boxsize, name, nx, ny);
   return 0;
 }
 
@@ -173,6 +209,7 @@ StepOutcome prep_read_first_head(PickoraRun& run) {
 
 StepOutcome prep_work_sizes(PickoraRun& run) {
   const MRC_HEAD& h = run.first_head;
+  pickora_require_mrc_file(run.para.first_mic, nullptr);
   if (h.nx < 1 || h.ny < 1 || h.nz < 1)
     PK_FATAL("the micrograph %s has no usable size (nx %d, ny %d, nz %d)", run.para.first_mic, h.nx, h.ny, h.nz);
   // Every micrograph must share this head's mode, so one test covers the run: a mode the
@@ -180,8 +217,10 @@ StepOutcome prep_work_sizes(PickoraRun& run) {
   if (mrc_sample_bytes(h.mode) == 0)
     PK_FATAL("the micrograph %s is in MRC mode %d (%s), which can't be read as pixels; modes 0, 1, 2 and 6 can",
              run.para.first_mic, h.mode, mrc_get_head_mode(&h));
+  pickora_require_mrc_file(run.para.first_mic, &h);
   pickora_set_work_sizes(h.nx, h.ny, run.para.shrink, &run.sizes);
   run.sizes.nz = h.nz;
+  pickora_check_box_fits(run.para.boxsize, h.nx, h.ny, run.para.first_mic);
   if (run.sizes.work_size < 2)
     PK_FATAL("the micrograph %s (%d x %d pixels) is too small for a shrink factor of %d", run.para.first_mic, h.nx,
              h.ny, run.para.shrink);
@@ -318,7 +357,9 @@ StepOutcome mic_open_and_read_head(PickoraRun& run) {
 }
 
 StepOutcome mic_check_head(PickoraRun& run) {
+  pickora_require_mrc_file(run.name, nullptr);
   check_mrc_head_sizes_two(run.para.first_mic, run.name, &run.first_head, &run.head);
+  pickora_require_mrc_file(run.name, &run.head);
   return StepOutcome::kNext;
 }
 

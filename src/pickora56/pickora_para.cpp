@@ -13,6 +13,7 @@
 #include "cuda_general/report.h"
 #include "pickora56/pickora_help.h"
 #include "txt_file/arrays_strings.h"
+#include "txt_file/atomic_file.h"
 #include "txt_file/number_options.h"
 #include "txt_file/txt_file.h"
 
@@ -352,6 +353,27 @@ void print_missing_option_warnings(Pickora_Para* para, const OptionsSeen& seen) 
   }
 }
 
+// Every output name of every micrograph must fit a 1023-character name, temporary endings
+// included (the .box file has two while it is written), or outputs of different micrographs
+// would be cut to one name and overwrite each other. Checked before anything is written.
+void check_output_name_lengths(const Pickora_Para* para) {
+  const char* suffixes[] = {"_particles.mrcs", "_nonunique.box", "_pickora.star", "_rejected.star", "_ccmaxZ.mrc",
+                            para->exclusive_picking ? para->excluded_suffix : ""};
+  size_t longest = 0;
+  const char* longest_suffix = "";
+  for (const char* suffix : suffixes)
+    if (std::strlen(suffix) > longest) {
+      longest = std::strlen(suffix);
+      longest_suffix = suffix;
+    }
+  const size_t room = PICKORA_NAME_LEN - 1 - longest - 2 * ATOMIC_FILE_TEMP_SUFFIX_MAX;
+  for (int n = 0; n < para->nfiles; ++n)
+    if (std::strlen(para->files[n]) > room)
+      PK_FATAL("the micrograph name %.60s... (number %d on the list, %zu characters) is too long: with the suffix "
+               "%s and a temporary ending its output names would pass %d characters; at most %zu fit",
+               para->files[n], n + 1, std::strlen(para->files[n]), longest_suffix, PICKORA_NAME_LEN - 1, room);
+}
+
 // Options that are each in range but mean nothing together.
 void check_option_relations(Pickora_Para* para) {
   if (!(para->lave_min < para->lave_max))
@@ -457,6 +479,7 @@ int pickora_get_parameters(int argc, char** argv, Pickora_Para* para) {
   // A step of zero or less would never finish the turn through the in-plane angles.
   if (!(para->ang_step > 0.0f)) PK_FATAL("--ang_step must be above 0 degrees, not %g", para->ang_step);
   check_option_relations(para);
+  check_output_name_lengths(para);
   check_and_set_gid(para->gid);
   print_missing_option_warnings(para, seen);
   std::fflush(stdout);
