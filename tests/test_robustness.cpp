@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "mrcfile/mrcfile.h"
+#include "pickora56/ice_detect.h"
 #include "pickora56/pickora_driver.h"
 #include "pickora56/pickora_para.h"
 #include "pickora56/pixel_check.h"
@@ -357,6 +359,47 @@ TEST(MicrographFilesDeathTest, FoldersEmptyFilesAndShortDataAreNamed) {
   EXPECT_EXIT_REPORT(pickora_check_box_fits(600, 1024, 600, "m.mrc"),
                      "the box of 600 micrograph pixels .* is not smaller than the micrograph m.mrc \\(1024 x 600");
   pickora_check_box_fits(598, 1024, 600, "m.mrc");
+}
+
+TEST(WorkAspectDeathTest, TheRuleHoldsInWorkPixelsAndTheMessageGivesBothSizes) {
+  const struct {
+    int nx, ny, shrink;
+    bool ok;
+  } cases[] = {{1024, 513, 4, false}, {1024, 516, 4, false}, {1024, 520, 4, true},
+               {1024, 516, 2, true},  {513, 1024, 4, false}, {1024, 1024, 8, true}};
+  for (const auto& c : cases) {
+    Pickora_Sizes sizes{};
+    pickora_set_work_sizes(c.nx, c.ny, c.shrink, &sizes);
+    SCOPED_TRACE(std::to_string(c.nx) + " x " + std::to_string(c.ny) + " / " + std::to_string(c.shrink));
+    if (c.ok) {
+      EXPECT_EQ(pickora_check_work_aspect(sizes, c.shrink, "m.mrc"), 0);
+    } else {
+      const std::string work = std::to_string(sizes.shrunk_nx) + " x " + std::to_string(sizes.shrunk_ny);
+      EXPECT_EXIT_REPORT(pickora_check_work_aspect(sizes, c.shrink, "m.mrc"),
+                         "m.mrc \\(" + std::to_string(c.nx) + " x " + std::to_string(c.ny) + " pixels\\) shrinks by " +
+                             std::to_string(c.shrink) + " to " + work + " work pixels");
+    }
+  }
+}
+
+TEST(RejectedShare, AWarningAboveThreeTenthsNamesTheShareAndTheOptions) {
+  std::vector<unsigned int> grid(100, 0u);
+  for (int marked : {0, 30, 31, 100}) {
+    std::fill(grid.begin(), grid.end(), 0u);
+    for (int c = 0; c < marked; ++c) grid[static_cast<size_t>(c) * 7 % 100] = 1u + c;
+    testing::internal::CaptureStdout();
+    const double share = pickora_warn_rejected_share("m.mrc", grid.data(), grid.size());
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_DOUBLE_EQ(share, marked / 100.0);
+    if (marked > 30)
+      EXPECT_NE(out.find(std::to_string(marked) + " of the 100 cells (" + std::to_string(marked) +
+                         "%) of the micrograph m.mrc were rejected"),
+                std::string::npos)
+          << out;
+    else
+      EXPECT_EQ(out, "");
+    if (marked > 30) EXPECT_NE(out.find("--detect_ice 0"), std::string::npos);
+  }
 }
 
 }  // namespace

@@ -73,6 +73,14 @@ void hcuda_find_sigma_grids(const float* lave, const float* lsigma, unsigned int
 int output_ice_coord(const char* path, const unsigned int* grid, const float* cell_ave, const float* cell_sigma,
                      int nx, int ny, int2 origin, int ice_step, int shrink, int mode);
 
+// Above this share of rejected cells a micrograph is far from usual (simulated micrographs with
+// ice blobs and a carbon edge lose 17 to 22 percent): crowded, half blank or
+// mostly carbon, where bounds relative to the whole micrograph mislead.
+constexpr double PICKORA_UNUSUAL_REJECTED_SHARE = 0.3;
+// Counts the marked cells of the grid; above PICKORA_UNUSUAL_REJECTED_SHARE warns, naming the
+// micrograph, the share and the options to try. Returns the share.
+double pickora_warn_rejected_share(const char* mic_name, const unsigned int* grid, unsigned long cells);
+
 // The whole detection on the device image (nx by ny, left unchanged): both maps, the scan into
 // the exclusion grid (device, sized for the driver's grid), and the files that the record's
 // write_rejected_box, write_bg_mic and write_lsigma_mic ask for, named from mic_name.

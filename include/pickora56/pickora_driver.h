@@ -37,6 +37,10 @@ void pickora_require_mrc_file(const char* name, const MRC_HEAD* head);
 // Ends the run when a box of boxsize pixels can't fit in an nx by ny micrograph. Returns 0.
 int pickora_check_box_fits(int boxsize, int nx, int ny, const char* name);
 
+// Ends the run, with the micrograph's sizes and its work sizes, unless the longer work side
+// (shrunk_nx or shrunk_ny) is less than twice the shorter one. Returns 0.
+int pickora_check_work_aspect(const Pickora_Sizes& sizes, int shrink, const char* name);
+
 // 1 when the file exists and can be read, else 0.
 int is_file_pickora_done(const char* name);
 // Whether a micrograph counts as finished for --do_unfinished: its final .box file exists.

@@ -90,6 +90,7 @@ int hcuda_2d_ice_detect(LocalMapsWorkspace* maps, const float* image, int nx, in
   PK_CUDA_CHECK(memcpy_D2H(h_ave.data(), d.cell_ave, sizeof(float) * cells));
   PK_CUDA_CHECK(memcpy_D2H(h_sigma.data(), d.cell_sigma, sizeof(float) * cells));
 
+  pickora_warn_rejected_share(mic_name, h_grid.data(), cells);
   if (para->write_rejected_box)
     write_rejected_files(mic_name, h_grid, h_ave, h_sigma, nx, ny, origin, ice_step, para->shrink);
   if (para->write_bg_mic) write_map(mic_name, "_bg.mrc", d.lave, nx, ny);

@@ -44,3 +44,16 @@ int output_ice_coord(const char* path, const unsigned int* grid, const float* ce
   out.commit();
   return 0;
 }
+
+double pickora_warn_rejected_share(const char* mic_name, const unsigned int* grid, unsigned long cells) {
+  unsigned long rejected = 0;
+  for (unsigned long c = 0; c < cells; ++c) rejected += grid[c] != 0 ? 1 : 0;
+  const double share = cells > 0 ? static_cast<double>(rejected) / static_cast<double>(cells) : 0.0;
+  if (share > PICKORA_UNUSUAL_REJECTED_SHARE)
+    PK_WARNING("%lu of the %lu cells (%.0f%%) of the micrograph %s were rejected as ice or contamination, far more "
+               "than usual. The bounds are relative to the whole micrograph, so a crowded micrograph or one with a "
+               "blank part (a beam edge) loses cells it should keep: look at its _rejected.box with pickora-view and "
+               "try --detect_ice 0 or wider --lsigma_cutoff, --lave_min, --lave_max",
+               rejected, cells, 100.0 * share, mic_name);
+  return share;
+}

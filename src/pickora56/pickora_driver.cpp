@@ -7,6 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -100,6 +101,18 @@ int pickora_check_box_fits(int boxsize, int nx, int ny, const char* name) {
     PK_FATAL("the box of %d micrograph pixels (--boxsize, or 1.33 times --diameter over --apixM) is not smaller than "
              "the micrograph %s (%d x %d pixels): no box fits, nothing could be picked",
              boxsize, name, nx, ny);
+  return 0;
+}
+
+// The mirror that fills the work image up to its square reaches at most once across the short
+// side, so the rule holds in work pixels, after shrinking and rounding down to even sides.
+int pickora_check_work_aspect(const Pickora_Sizes& sizes, int shrink, const char* name) {
+  const int lo = std::min(sizes.shrunk_nx, sizes.shrunk_ny), hi = std::max(sizes.shrunk_nx, sizes.shrunk_ny);
+  if (lo < 1 || hi >= 2 * lo)
+    PK_FATAL("the micrograph %s (%d x %d pixels) shrinks by %d to %d x %d work pixels (each side divided by %d, then "
+             "rounded down to even); the long side must be less than twice the short one in work pixels: crop the "
+             "micrographs or choose another --speed",
+             name, sizes.nx, sizes.ny, shrink, sizes.shrunk_nx, sizes.shrunk_ny, shrink);
   return 0;
 }
 
@@ -221,6 +234,7 @@ StepOutcome prep_work_sizes(PickoraRun& run) {
   pickora_set_work_sizes(h.nx, h.ny, run.para.shrink, &run.sizes);
   run.sizes.nz = h.nz;
   pickora_check_box_fits(run.para.boxsize, h.nx, h.ny, run.para.first_mic);
+  pickora_check_work_aspect(run.sizes, run.para.shrink, run.para.first_mic);
   if (run.sizes.work_size < 2)
     PK_FATAL("the micrograph %s (%d x %d pixels) is too small for a shrink factor of %d", run.para.first_mic, h.nx,
              h.ny, run.para.shrink);
