@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "boxfile/ptcl_box.h"
 #include "mrcfile/mrcfile.h"
 #include "pickora56/ice_detect.h"
 #include "pickora56/pickora_driver.h"
@@ -359,6 +360,16 @@ TEST(MicrographFilesDeathTest, FoldersEmptyFilesAndShortDataAreNamed) {
   EXPECT_EXIT_REPORT(pickora_check_box_fits(600, 1024, 600, "m.mrc"),
                      "the box of 600 micrograph pixels .* is not smaller than the micrograph m.mrc \\(1024 x 600");
   pickora_check_box_fits(598, 1024, 600, "m.mrc");
+}
+
+TEST(CoordinateFilesDeathTest, AShortBoxLineNamesTheFileTheLineAndItsColumns) {
+  TempDir dir;
+  const std::string name = dir.file("m_rubbish.box");
+  write_file_text(name, "1 2 3 4\n\n5 6 7\n");
+  std::vector<PTCL_BOX> boxes(4);
+  EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 4, name.c_str()),
+                     "The coordinate file .*m_rubbish.box has 3 columns on line 3; a .box line needs 4 to 7.\n.*"
+                     "unrecognized box format!");
 }
 
 TEST(WorkAspectDeathTest, TheRuleHoldsInWorkPixelsAndTheMessageGivesBothSizes) {

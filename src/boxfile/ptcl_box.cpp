@@ -77,15 +77,17 @@ int read_star_boxes(FILE* fp, PTCL_BOX* boxes, int max_boxes, const char* name, 
 }
 
 // The .box branch: 4 to 7 columns per line.
-int read_box_rows(FILE* fp, PTCL_BOX* boxes, int max_boxes, const char* caller) {
+int read_box_rows(FILE* fp, PTCL_BOX* boxes, int max_boxes, const char* name, const char* caller) {
   char line[PICKORA_LINE_LEN];
   char* tokens[7];
   int count = 0;
-  while (count < max_boxes && read_whole_line(line, fp, nullptr)) {
+  for (int number = 1; count < max_boxes && read_whole_line(line, fp, nullptr); ++number) {
     const int n = strnsplit_inplace_byspace(tokens, line, 7);
     if (n == 0) continue;
     if (n < 4) {
       std::fclose(fp);
+      std::printf("The coordinate file %s has %d column%s on line %d; a .box line needs 4 to 7.\n", name, n,
+                  n == 1 ? "" : "s", number);
       report_fatal(caller, __FILE__, __LINE__, "unrecognized box format!");
     }
     PTCL_BOX& b = boxes[count++];
@@ -110,9 +112,10 @@ int read_boxes(PTCL_BOX* boxes, int max_boxes, const char* name, const char* cal
       count = read_star_boxes(fp, boxes, max_boxes, name, caller);
       break;
     case 2:
-      count = read_box_rows(fp, boxes, max_boxes, caller);
+      count = read_box_rows(fp, boxes, max_boxes, name, caller);
       break;
     default:
+      std::printf("The coordinate file %s ends neither in .box nor in .star; it is not read.\n", name);
       report_warning(caller, __FILE__, __LINE__,
                      "unrecognized box file format, only EMAN .box and Relion .star file are supported now.!");
   }

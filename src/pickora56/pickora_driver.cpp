@@ -148,9 +148,11 @@ void print_rule(char c, int n) {
 }
 
 template <class T>
-T* host_alloc(size_t count) {
+T* host_alloc(size_t count, const PickoraRun& run) {
   T* p = static_cast<T*>(std::calloc(count > 0 ? count : 1, sizeof(T)));
-  if (p == nullptr) PK_FATAL("out of host memory for %zu elements", count);
+  if (p == nullptr)
+    PK_FATAL("out of host memory for %zu bytes, for the buffers of micrographs of %d x %d pixels like %s", count * sizeof(T),
+             run.sizes.nx, run.sizes.ny, run.para.first_mic);
   return p;
 }
 
@@ -286,14 +288,14 @@ StepOutcome prep_invert_templates(PickoraRun& run) {
 StepOutcome prep_allocate_image_buffers(PickoraRun& run) {
   const size_t raw = static_cast<size_t>(run.sizes.nx) * static_cast<size_t>(run.sizes.ny);
   const size_t work = work_pixels(run);
-  run.raw = host_alloc<float>(raw);
-  run.work = host_alloc<float>(work);
+  run.raw = host_alloc<float>(raw, run);
+  run.work = host_alloc<float>(work, run);
   safe_cudaMalloc(&run.d_work, work * sizeof(float));
   safe_cudaMalloc(&run.d_mask, work * sizeof(float));
   safe_cudaMalloc(&run.d_ccmax, work * sizeof(float));
   safe_cudaMalloc(&run.d_psi, work * sizeof(float));
   safe_cudaMalloc(&run.d_ccmaxZ, work * sizeof(float));
-  run.ccmax_stack = host_alloc<float>(work * static_cast<size_t>(run.tnz));
+  run.ccmax_stack = host_alloc<float>(work * static_cast<size_t>(run.tnz), run);
   // Read now, so that a mistyped budget ends the run before any work rather than after it.
   run.match.budget_bytes = matching_spectra_budget();
   run.match.has_budget = true;
@@ -304,9 +306,9 @@ StepOutcome prep_grid(PickoraRun& run) {
   pickora_set_grid_sizes(&run.para, &run.sizes);
   const size_t cells = static_cast<size_t>(run.sizes.grid_cells);
   safe_cudaMalloc(&run.d_grid, cells * sizeof(unsigned));
-  run.peak_index = host_alloc<unsigned>(cells);
-  run.peak_cc = host_alloc<float>(cells);
-  run.peak_psi = host_alloc<float>(cells);
+  run.peak_index = host_alloc<unsigned>(cells, run);
+  run.peak_cc = host_alloc<float>(cells, run);
+  run.peak_psi = host_alloc<float>(cells, run);
   run.excluded = new PTCL_BOX[cells];
   return StepOutcome::kNext;
 }
