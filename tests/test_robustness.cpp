@@ -402,14 +402,15 @@ TEST(RejectedShare, AWarningAboveThreeTenthsNamesTheShareAndTheOptions) {
     const double share = pickora_warn_rejected_share("m.mrc", grid.data(), grid.size());
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_DOUBLE_EQ(share, marked / 100.0);
-    if (marked > 30)
+    if (marked > 30) {
       EXPECT_NE(out.find(std::to_string(marked) + " of the 100 cells (" + std::to_string(marked) +
                          "%) of the micrograph m.mrc were rejected"),
                 std::string::npos)
           << out;
-    else
+      EXPECT_NE(out.find("--detect_ice 0"), std::string::npos);
+    } else {
       EXPECT_EQ(out, "");
-    if (marked > 30) EXPECT_NE(out.find("--detect_ice 0"), std::string::npos);
+    }
   }
 }
 
