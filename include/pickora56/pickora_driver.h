@@ -59,6 +59,7 @@ void pickora_print_time(const char* label, double start);
 // What one run holds: the record, the heads, the sizes, the names and streams of the current
 // micrograph, the long-lived buffers and the clocks. The driver owns all of it.
 struct PickoraRun {
+  ~PickoraRun();  // frees whatever is still held, on the way out of an error too
   int argc;
   char** argv;
   Pickora_Para para;

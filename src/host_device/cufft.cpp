@@ -47,9 +47,11 @@ struct HostPlan {
   fftwf_plan variants[2][2] = {{nullptr, nullptr}, {nullptr, nullptr}};  // [in place][unaligned]
 };
 
+// Never destroyed: a run that ends with exit() while plans are alive keeps them reachable,
+// rather than dropping the table and leaving FFTW's memory without an owner.
 std::map<cufftHandle, HostPlan>& plans() {
-  static std::map<cufftHandle, HostPlan> table;
-  return table;
+  static auto* table = new std::map<cufftHandle, HostPlan>();
+  return *table;
 }
 cufftHandle g_next_handle = 1;
 

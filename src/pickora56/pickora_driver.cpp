@@ -691,22 +691,36 @@ void process_micrograph(PickoraRun& run, int mic) {
 
 // --- Closing ---------------------------------------------------------------------------------
 
+// Frees every buffer of the run and leaves its pointer null, so that it can run twice: once at
+// the end of a finished run and again from the record's destructor, which is all that runs
+// when an error unwinds out of the run.
+template <class T>
+void free_host(T*& p) {
+  std::free(p);
+  p = nullptr;
+}
+
 void release_buffers(PickoraRun& run) {
   run.read_ahead.finish();
-  std::free(run.raw);
-  std::free(run.work);
-  std::free(run.peak_index);
-  std::free(run.peak_cc);
-  std::free(run.peak_psi);
+  run.candidates.reset();
+  run.box_staged.reset();
+  if (run.fp_mic != nullptr) std::fclose(run.fp_mic);
+  run.fp_mic = nullptr;
+  free_host(run.raw);
+  free_host(run.work);
+  free_host(run.peak_index);
+  free_host(run.peak_cc);
+  free_host(run.peak_psi);
   delete[] run.excluded;
+  run.excluded = nullptr;
   destroy_template_data(run.templates);
+  run.templates = nullptr;
   match_workspace_release(&run.match);
   local_maps_workspace_release(&run.local_maps);
-  std::free(run.ccmax_stack);
-  void* const device_buffers[] = {run.d_work,   run.d_mask, run.d_ccmax,    run.d_psi,
-                                  run.d_ccmaxZ, run.d_grid, run.d_templates};
-  for (void* d : device_buffers)
-    if (d != nullptr) PK_CUDA_CHECK(cudaFree(d));
+  free_host(run.ccmax_stack);
+  for (float** d : {&run.d_work, &run.d_mask, &run.d_ccmax, &run.d_psi, &run.d_ccmaxZ, &run.d_templates})
+    safe_cudaFree(*d);
+  safe_cudaFree(run.d_grid);
 }
 
 void print_closing(const PickoraRun& run) {
@@ -724,6 +738,11 @@ void print_closing(const PickoraRun& run) {
 }
 
 }  // namespace
+
+PickoraRun::~PickoraRun() {
+  release_buffers(*this);
+  pickora_free_parameters(&para);
+}
 
 int pickora_main(int argc, char** argv) {
   const double t_run = pickora_now();
