@@ -44,7 +44,8 @@ class AtomicFile {
 };
 
 // A final name whose content another writer produces under a temporary name first: the
-// temporary name ("<final_name>.tmp-<pid>") is handed to that writer, and commit() renames it
+// temporary name ("a_pickora.tmp-<pid>.box" for "a_pickora.box", keeping the extension that
+// tells readers the format) is handed to that writer, and commit() renames it
 // to the final name, checked. An uncommitted temporary file is removed by the destructor. The
 // driver holds back a micrograph's .box file this way until everything else of the micrograph
 // is written, so that the .box file, the mark of a finished micrograph, comes last.

@@ -12,12 +12,20 @@
 
 namespace {
 
-// The device arrays of one detection.
+// The device arrays of one detection, freed however the detection ends (a failed write of its
+// files included).
 struct IceScratch {
   float* lsigma = nullptr;
   float* lave = nullptr;
   float* cell_ave = nullptr;
   float* cell_sigma = nullptr;
+  IceScratch() = default;
+  IceScratch(const IceScratch&) = delete;
+  IceScratch& operator=(const IceScratch&) = delete;
+  ~IceScratch() {
+    for (float** d : {&lsigma, &lave, &cell_ave, &cell_sigma})
+      if (*d != nullptr) cudaFree(*d);  // no report from a destructor: it may run while unwinding
+  }
 };
 
 float* device_floats(unsigned long count) {
@@ -96,9 +104,6 @@ int hcuda_2d_ice_detect(LocalMapsWorkspace* maps, const float* image, int nx, in
   if (para->write_bg_mic) write_map(mic_name, "_bg.mrc", d.lave, nx, ny);
   if (para->write_lsigma_mic) write_map(mic_name, "_lsigma.mrc", d.lsigma, nx, ny);
 
-  PK_CUDA_CHECK(cudaFree(d.lsigma));
-  PK_CUDA_CHECK(cudaFree(d.lave));
-  PK_CUDA_CHECK(cudaFree(d.cell_ave));
-  PK_CUDA_CHECK(cudaFree(d.cell_sigma));
+  for (float** p : {&d.lsigma, &d.lave, &d.cell_ave, &d.cell_sigma}) safe_cudaFree(*p);
   return 0;
 }

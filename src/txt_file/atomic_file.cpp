@@ -89,7 +89,17 @@ void AtomicFile::write(const void* data, size_t bytes) {
   if (fp_ == nullptr || std::fwrite(data, 1, bytes, fp_) != bytes) fail("writing");
 }
 
-StagedName::StagedName(const char* final_name) : final_(final_name), temp_(temp_name_for(final_name)) {
+// The staged name keeps the final extension ("a_pickora.tmp-12.box"), since readers such as the
+// coordinate reader tell a file's format by it.
+std::string staged_name_for(const char* final_name) {
+  const std::string name(final_name);
+  const size_t slash = name.rfind('/');
+  const size_t dot = name.rfind('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return temp_name_for(final_name);
+  return name.substr(0, dot) + ".tmp-" + std::to_string(static_cast<long>(getpid())) + name.substr(dot);
+}
+
+StagedName::StagedName(const char* final_name) : final_(final_name), temp_(staged_name_for(final_name)) {
   track(temp_);
 }
 
