@@ -255,6 +255,21 @@ TEST(DamagedMicrographs, AreRepairedOrSkippedWithAWarningAndNoNaNIsWritten) {
   for (float v : bgfree) ASSERT_TRUE(std::isfinite(v));
 }
 
+TEST(TemplateSizes, APixelSizeRatioThatMakesTemplatesTooLargeIsRefusedBeforeResampling) {
+  if (!cpu_backend()) GTEST_SKIP();
+  TempDir dir;
+  simulate(dir.path(), 1);
+  std::string out;
+  EXPECT_EQ(run_command("cd '" + dir.path() + "' && " + pickora() +
+                            " --apixM 1 --apixT 30 --diameter 250 --T templates.mrcs mic_0000.mrc",
+                        out),
+            1);
+  EXPECT_NE(out.find("would be about 2100 pixels wide after resampling to --apixM 1 and shrinking by 4, larger than "
+                     "the work image (128 pixels)"),
+            std::string::npos)
+      << out;
+}
+
 // --- Option values ----------------------------------------------------------------------------
 
 struct Args {

@@ -251,8 +251,25 @@ StepOutcome prep_one_angle_for_generated_template(PickoraRun& run) {
 
 bool gate_auto_T(const PickoraRun& run) { return run.para.auto_T != 0; }
 
+// The size the templates will have, from the stack's head alone, checked before the
+// resampling allocates and computes it: a pixel-size ratio far from 1 could otherwise make a
+// stack of gigabytes that the fit test then refuses.
+void check_template_size_before_loading(const PickoraRun& run) {
+  const Pickora_Para& p = run.para;
+  MRC_HEAD head;
+  mrcf_read_head(p.T, &head);
+  const double ratio = static_cast<double>(p.apixT) / static_cast<double>(p.apixM);
+  const double side = static_cast<double>(std::max(head.nx, head.ny)) * ratio / p.shrink;
+  if (side > run.sizes.work_size)
+    PK_FATAL("the templates of %s (%d x %d pixels at --apixT %g) would be about %.0f pixels wide after resampling to "
+             "--apixM %g and shrinking by %d, larger than the work image (%d pixels); check --apixT and --apixM",
+             p.T, head.nx, head.ny, static_cast<double>(p.apixT), side, static_cast<double>(p.apixM), p.shrink,
+             run.sizes.work_size);
+}
+
 StepOutcome prep_load_templates(PickoraRun& run) {
   const Pickora_Para& p = run.para;
+  if (!p.auto_T) check_template_size_before_loading(run);
   run.templates = get_or_create_template_data(run.tnx, run.tny, run.tnz, p.T, p.T_radius, p.apixT, p.apixM, p.shrink,
                                               p.m_edge_ratio);
   if (!p.auto_T) pickora_require_usable_templates(run.templates, run.tnx, run.tny, run.tnz, p.T);
