@@ -151,8 +151,8 @@ template <class T>
 T* host_alloc(size_t count, const PickoraRun& run) {
   T* p = static_cast<T*>(std::calloc(count > 0 ? count : 1, sizeof(T)));
   if (p == nullptr)
-    PK_FATAL("out of host memory for %zu bytes, for the buffers of micrographs of %d x %d pixels like %s", count * sizeof(T),
-             run.sizes.nx, run.sizes.ny, run.para.first_mic);
+    PK_FATAL("out of host memory for %zu bytes, for the buffers of micrographs of %d x %d pixels like %s",
+             count * sizeof(T), run.sizes.nx, run.sizes.ny, run.para.first_mic);
   return p;
 }
 
