@@ -384,7 +384,9 @@ TEST(RejectedShare, AWarningAboveThreeTenthsNamesTheShareAndTheOptions) {
                   out.find("--detect_ice 0") != std::string::npos,
               marked == 31)
         << out;
-    if (marked == 30) EXPECT_EQ(out, "");
+    if (marked == 30) {
+      EXPECT_EQ(out, "");
+    }
   }
 }
 
