@@ -112,13 +112,20 @@ def power_spectrum(image, box):
     return np.fft.fftshift(total / count, axes=0)
 
 
-def ring_score(p, m, r):
-    """Correlation of power p and model m, each centred within the rings r."""
-    counts = np.bincount(r)
-    counts[counts == 0] = 1
-    p = p - (np.bincount(r, p) / counts)[r]
-    m = m - (np.bincount(r, m) / counts)[r]
-    return float(np.sum(p * m) / np.sqrt(np.sum(p * p) * np.sum(m * m)))
+def flattened(power, radius, band):
+    """Power in the band over a smooth radial background: a cubic in the radius fitted to the logarithm of
+    the mean power of each one-pixel ring in the band (the rings of the CTF average out)."""
+    rings = radius.astype(int)
+    counts = np.maximum(np.bincount(rings.ravel()), 1)
+    mean = np.bincount(rings.ravel(), power.ravel()) / counts
+    used = np.unique(rings[band])
+    coef = np.polyfit(used, np.log(mean[used]), 3)
+    return power[band] / np.exp(np.polyval(coef, radius[band]))
+
+
+def correlation(a, b):
+    a, b = a - a.mean(), b - b.mean()
+    return float(np.sum(a * b) / np.sqrt(np.sum(a * a) * np.sum(b * b)))
 
 
 def best_of(values, score):
@@ -143,12 +150,12 @@ def check_truth(star):
         fx = np.arange(box // 2 + 1)[None, :] / box
         s, theta = np.hypot(fx, fy) / apix, np.arctan2(fy, np.broadcast_to(fx, (box, box // 2 + 1)))
         band = (s >= 1 / 40.0) & (s <= 1 / 8.0)
-        ring = (np.hypot(fx, fy) * box / 4).astype(int)[band]  # rings of 4 Fourier pixels
-        p, s, theta = power[band], s[band], theta[band]
+        p = flattened(power, np.hypot(fx, fy) * box, band)
+        s, theta = s[band], theta[band]
 
         def score(mean, ang, astig=u - v):
             model = np.sin(total_phase(s, theta, kv, cs, ac, ps, mean + astig / 2, mean - astig / 2, ang))**2
-            return ring_score(p, model, ring)
+            return correlation(p, model)
 
         mean = (u + v) / 2
         found = best_of(list(mean * np.arange(0.7, 1.3, 0.0025)), lambda d: score(d, angle))
