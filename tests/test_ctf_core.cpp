@@ -176,6 +176,20 @@ TEST(CtfModel, SimulatorFamiliesAgreeWithTheFormula) {
   EXPECT_NEAR(hcuda_ctf_sim_dot_raw_2dh(d_raw, nh, ny, apix, a, RESO{resL, resH}, 'A'), dot, 1e-3 * std::fabs(dot) + 1e-3);
   cudaFree(d_raw);
 
+  // Full arrays (zero frequency at column nx / 2) hold the half array on their right and its
+  // Friedel mates, mirrored in both directions, on their left.
+  const unsigned nx = 2 * (nh - 1);
+  std::vector<float> full(nx * ny), full_mod(nx * ny);
+  gpu_ctf_sim_2d(full.data(), nx, ny, apix, a, RESO{resL, resH}, 'A');
+  cpu_ctf_mod_simulate_2d(full_mod.data(), apix, nx, ny, a.kv, a.cs, a.ac, a.ps, a.defU, a.defV, a.defA, a.bfac, resL,
+                          resH);
+  for (unsigned y = 0; y < ny; ++y)
+    for (unsigned x = 0; x + 1 < nh; ++x) {
+      EXPECT_NEAR(full[y * nx + nx / 2 + x], ref[y * nh + x], 1e-5f) << x << " " << y;
+      if (y > 0 && x > 0) EXPECT_NEAR(full[y * nx + nx / 2 - x], ref[(ny - y) * nh + x], 1e-5f) << x << " " << y;
+      EXPECT_NEAR(full_mod[y * nx + nx / 2 + x], mod[y * nh + x], 1e-5f) << x << " " << y;
+    }
+
   // 1D: rows of the multi-defocus search are the single curves; limits in either order there.
   const unsigned len = 300;
   const std::vector<float> defoci{8000.0f, 14000.0f, 30000.0f};
