@@ -186,7 +186,9 @@ TEST(CtfModel, SimulatorFamiliesAgreeWithTheFormula) {
   for (unsigned y = 0; y < ny; ++y)
     for (unsigned x = 0; x + 1 < nh; ++x) {
       EXPECT_NEAR(full[y * nx + nx / 2 + x], ref[y * nh + x], 1e-5f) << x << " " << y;
-      if (y > 0 && x > 0) EXPECT_NEAR(full[y * nx + nx / 2 - x], ref[(ny - y) * nh + x], 1e-5f) << x << " " << y;
+      if (y > 0 && x > 0) {
+        EXPECT_NEAR(full[y * nx + nx / 2 - x], ref[(ny - y) * nh + x], 1e-5f) << x << " " << y;
+      }
       EXPECT_NEAR(full_mod[y * nx + nx / 2 + x], mod[y * nh + x], 1e-5f) << x << " " << y;
     }
 
