@@ -382,6 +382,11 @@ TEST(CtfSim, TheSameSeedGivesTheSameBytes) {
     EXPECT_EQ(read_binary_file(dir.file("a") + f), read_binary_file(dir.file("b") + f)) << f;
     EXPECT_NE(read_binary_file(dir.file("a") + f), read_binary_file(dir.file("c") + f)) << f;
   }
+  // Sizes the filters cannot take and contrasts the model cannot take are refused up front.
+  EXPECT_EQ(run_command(ctfsim() + " --out " + dir.file("d") + " --size 101", out), 1);
+  EXPECT_NE(out.find("takes an even number of pixels"), std::string::npos) << out;
+  EXPECT_EQ(run_command(ctfsim() + " --out " + dir.file("d") + " --ac 1.2", out), 1);
+  EXPECT_NE(out.find("within -1 .. 1"), std::string::npos) << out;
 }
 
 // numpy's own grid search over its own CTF finds each image's truth: the mean defocus within 1 %
