@@ -53,44 +53,40 @@ struct Patch {
   std::vector<float> mask = std::vector<float>(16 * 14, 1.0f);
 };
 
-TEST(NcsAverage, IdentityGivesThePatchBackWithZeroOutside) {
-  const unsigned nx = 20, ny = 12;
+// One identity operator gives the image's rectangle back (0 where it leaves the image), on both
+// roads; a second operator that misses the image halves every pixel, a mask of 0.5 halves it
+// again and a mask of 0 gives nothing; the replace form pastes the patch, dropping what leaves.
+TEST(NcsAverage, PatchGeometryMaskAndReplace) {
+  const unsigned nx = 20, ny = 12, mnx = 8, mny = 6;
   const auto image = random_image(nx * ny, 1);
-  const unsigned mnx = 8, mny = 6;
-  const std::vector<float> mask(mnx * mny, 1.0f);
-  const RT_Mat2D id = rtmat2d_identity();
-  std::vector<float> host(mnx * mny), dev(mnx * mny);
+  std::vector<float> mask(mnx * mny, 1.0f), host(mnx * mny), dev(mnx * mny), half(mnx * mny), pasted(nx * ny);
+  const RT_Mat2D ops[2] = {rtmat2d_identity(), RT_Mat2D{1, 0, 0, 1, 50.0f, 0}};
   testing::internal::CaptureStdout();
-  cpu_2d_ncs_average(host.data(), &id, 1, mnx, mny, 15.0f, 9.0f, image.data(), nx, ny, 9.5f, 5.5f, mask.data());
-  gpu_2d_ncs_average(dev.data(), &id, 1, mnx, mny, 15.0f, 9.0f, image.data(), nx, ny, 9.5f, 5.5f, mask.data());
+  cpu_2d_ncs_average(host.data(), ops, 1, mnx, mny, 15.0f, 9.0f, image.data(), nx, ny, 9.5f, 5.5f, mask.data());
+  gpu_2d_ncs_average(dev.data(), ops, 1, mnx, mny, 15.0f, 9.0f, image.data(), nx, ny, 9.5f, 5.5f, mask.data());
+  mask[1] = 0.5f, mask[2] = 0.0f;
+  cpu_2d_ncs_average(half.data(), ops, 2, mnx, mny, 2.0f, 3.0f, image.data(), nx, ny, 9.5f, 5.5f, mask.data());
+  cpu_2d_ncs_average_replace(pasted.data(), ops, 1, mnx, mny, 16, 8, image.data(), nx, ny, 9.5f, 5.5f, mask.data());
   EXPECT_NE(testing::internal::GetCapturedStdout().find("  1.000000  0.000000  0.000000  1.000000  0.000000  0.000000"),
             std::string::npos);
+  EXPECT_EQ(host, dev);
   for (unsigned j = 0; j < mny; ++j)
     for (unsigned i = 0; i < mnx; ++i) {
       const bool inside = 15 + i < nx && 9 + j < ny;
       EXPECT_EQ(host[j * mnx + i], inside ? image[(9 + j) * nx + 15 + i] : 0.0f) << i << "," << j;
     }
-  EXPECT_EQ(host, dev);
-}
-
-TEST(NcsAverage, OperatorsThatMissAPixelDarkenIt) {
-  // Two operators, the second shifts the patch out of the image: every pixel holds half its value,
-  // and a mask of 0.5 halves it again; a mask of 0 gives nothing.
-  const unsigned nx = 10, ny = 10;
-  const auto image = random_image(nx * ny, 2);
-  const unsigned mnx = 4, mny = 3;
-  std::vector<float> mask(mnx * mny, 1.0f);
-  mask[1] = 0.5f;
-  mask[2] = 0.0f;
-  const RT_Mat2D ops[2] = {rtmat2d_identity(), RT_Mat2D{1, 0, 0, 1, 50.0f, 0}};
-  std::vector<float> out(mnx * mny);
-  testing::internal::CaptureStdout();
-  cpu_2d_ncs_average(out.data(), ops, 2, mnx, mny, 2.0f, 3.0f, image.data(), nx, ny, 4.5f, 4.5f, mask.data());
-  testing::internal::GetCapturedStdout();
-  EXPECT_FLOAT_EQ(out[0], image[3 * nx + 2] / 2.0f);
-  EXPECT_FLOAT_EQ(out[1], image[3 * nx + 3] * 0.5f / 2.0f);
-  EXPECT_EQ(out[2], 0.0f);
-  EXPECT_FLOAT_EQ(out[mnx * mny - 1], image[5 * nx + 5] / 2.0f);
+  EXPECT_FLOAT_EQ(half[0], image[3 * nx + 2] / 2.0f);
+  EXPECT_FLOAT_EQ(half[1], image[3 * nx + 3] * 0.5f / 2.0f);
+  EXPECT_EQ(half[2], 0.0f);
+  for (unsigned y = 0; y < ny; ++y)
+    for (unsigned x = 0; x < nx; ++x) {
+      const bool in_patch = x >= 16 && y >= 8, pixel1 = x == 17 && y == 8, pixel2 = x == 18 && y == 8;
+      const float want = pixel2 ? 0.0f : pixel1 ? image[y * nx + x] * 0.5f : image[y * nx + x];
+      EXPECT_FLOAT_EQ(pasted[y * nx + x], in_patch ? want : image[y * nx + x]) << x << "," << y;
+    }
+  EXPECT_EXIT_REPORT(cpu_2d_ncs_average(host.data(), ops, 0, mnx, mny, 0, 0, image.data(), nx, ny, 9.5f, 5.5f,
+                                        mask.data()),
+                     "one operator at least, not 0! Exit now!");
 }
 
 TEST(NcsAverage, SymmetryAverageBeatsEveryNoisyCopy) {
@@ -143,27 +139,6 @@ TEST(NcsCorrelation, OwnPatchIsOneAndDeviceAgrees) {
                      "i,j = 5 0  1.500000\n.*Mask value must range from 0 to 1.0! Exit now!");
 }
 
-TEST(NcsAverage, ReplacePastesThePatchAndDropsWhatLeavesTheImage) {
-  const unsigned nx = 12, ny = 9;
-  const auto image = random_image(nx * ny, 3);
-  const unsigned mnx = 5, mny = 4;
-  std::vector<float> mask(mnx * mny, 1.0f);
-  mask[0] = 0.0f;
-  const RT_Mat2D ops[2] = {rtmat2d_identity(), rtmat2d_identity()};
-  std::vector<float> out(nx * ny);
-  testing::internal::CaptureStdout();
-  cpu_2d_ncs_average_replace(out.data(), ops, 2, mnx, mny, 9, 6, image.data(), nx, ny, 5.5f, 4.0f, mask.data());
-  testing::internal::GetCapturedStdout();
-  for (unsigned y = 0; y < ny; ++y)
-    for (unsigned x = 0; x < nx; ++x) {
-      const float want = (x == 9 && y == 6) ? 0.0f : image[y * nx + x];
-      EXPECT_FLOAT_EQ(out[y * nx + x], want) << x << "," << y;
-    }
-  EXPECT_EXIT_REPORT(cpu_2d_ncs_average(out.data(), ops, 0, mnx, mny, 0, 0, image.data(), nx, ny, 5.5f, 4.0f,
-                                        mask.data()),
-                     "one operator at least, not 0! Exit now!");
-}
-
 // Files: a C2 pair of copies whose second lies 1.5 pixels right of and 1 pixel above where the
 // operator file says; the refinement on the host finds the shift, the device gives the plain
 // correlations, and bad inputs are refused.
@@ -174,6 +149,13 @@ class NcsFiles : public testing::Test {
   std::string image = dir.file("image.mrc"), mask = dir.file("mask.mrc"), ref = dir.file("ref.mrc"),
               ops = dir.file("ops.txt"), patch = dir.file("patch.mrc");
   Patch p;
+  static std::vector<float> read_all(const std::string& path) {
+    int nx = 0, ny = 0, nz = 0;
+    get_mrcf_xyz(nx, ny, nz, path.c_str());
+    std::vector<float> v(static_cast<size_t>(nx) * ny * nz);
+    mrcf_read_all(path.c_str(), v.data());
+    return v;
+  }
   void SetUp() override {
     const auto img = symmetric_image(n, {rotation(0), rotation(180, 1.5f, -1.0f)});
     mrcf_write_xyz_data(image.c_str(), img.data(), n, n, 1);
@@ -218,18 +200,21 @@ TEST_F(NcsFiles, RefinementFindsTheKnownShift) {
   EXPECT_LT(unrefined, ccc[1] - 0.05f);
 }
 
-TEST_F(NcsFiles, AverageWritesThePatchOnBothRoads) {
-  testing::internal::CaptureStdout();
-  mrcf_2d_ncs_average(patch.c_str(), p.ox, p.oy, image.c_str(), mask.c_str(), ops.c_str(), -1, 999);
-  std::vector<float> host(p.mnx * p.mny), dev(p.mnx * p.mny);
-  MRC_HEAD h;
-  mrcf_get_head_data(patch.c_str(), &h, host.data());
-  mrcf_2d_ncs_average(patch.c_str(), p.ox, p.oy, image.c_str(), mask.c_str(), ops.c_str(), -1, 0);
-  testing::internal::GetCapturedStdout();
-  mrcf_get_head_data(patch.c_str(), &h, dev.data());
-  EXPECT_EQ((std::vector<int>{h.nx, h.ny, h.nz}), (std::vector<int>{16, 14, 1}));
-  for (size_t i = 0; i < host.size(); ++i) ASSERT_NEAR(host[i], dev[i], 1e-6f);
-  EXPECT_GT(hm_sum_sqr(host.data(), host.size()), 1.0);
+// A shift of +5 in x: direction 1 reads 5 pixels to the right, -1 (the inverse) 5 to the left,
+// on the host and on the device alike.
+TEST_F(NcsFiles, DirectionChoosesTheOperatorOrItsInverse) {
+  write_file_text(ops, ".ncs_symmetry_operators\n1 0\n0 1\n5 0\n");
+  const auto img = read_all(image);
+  for (int direction : {1, -1})
+    for (int gid : {999, 0}) {
+      testing::internal::CaptureStdout();
+      mrcf_2d_ncs_average(patch.c_str(), p.ox, p.oy, image.c_str(), mask.c_str(), ops.c_str(), direction, gid);
+      testing::internal::GetCapturedStdout();
+      const auto got = read_all(patch);
+      for (unsigned j = 0; j < p.mny; ++j)
+        for (unsigned i = 0; i < p.mnx; ++i)
+          ASSERT_EQ(got[j * p.mnx + i], img[(j + 6) * n + i + 22 + 5 * direction]) << direction << " " << gid;
+    }
 }
 
 TEST_F(NcsFiles, BadInputsAreRefused) {
