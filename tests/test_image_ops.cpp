@@ -111,7 +111,8 @@ TEST(Resample, TurnAboutTheGridCentreIsTheMatchingRotationToTheBit) {
     const auto any = on_device(a, nx * ny, [&](const float* s, float* o) {
       hcuda_2d_rotate_anycenter(s, o, nx, ny, pk_grid_centre(nx), pk_grid_centre(ny), degrees);
     });
-    const auto matching = on_device(a, nx * ny, [&](const float* s, float* o) { hcuda_2d_rotate(s, o, nx, ny, degrees); });
+    const auto matching =
+        on_device(a, nx * ny, [&](const float* s, float* o) { hcuda_2d_rotate(s, o, nx, ny, degrees); });
     ASSERT_EQ(std::memcmp(any.data(), matching.data(), sizeof(float) * nx * ny), 0) << degrees;
   }
 }
@@ -119,7 +120,8 @@ TEST(Resample, TurnAboutTheGridCentreIsTheMatchingRotationToTheBit) {
 TEST(Resample, HalfPixelShiftAveragesEachPixelWithItsLeftNeighbour) {
   const unsigned nx = 7, ny = 5;
   const std::vector<float> a = random_image(nx * ny, 4);
-  const auto both = on_device(a, nx * ny, [&](const float* s, float* o) { hcuda_2d_translate(s, o, nx, ny, 0.5f, 0.0f); });
+  const auto both =
+      on_device(a, nx * ny, [&](const float* s, float* o) { hcuda_2d_translate(s, o, nx, ny, 0.5f, 0.0f); });
   const auto in_x = on_device(a, nx * ny, [&](const float* s, float* o) { hcuda_2d_translate_x(s, o, nx, ny, 0.5f); });
   const auto in_y = on_device(a, nx * ny, [&](const float* s, float* o) { hcuda_2d_translate_y(s, o, nx, ny, 0.5f); });
   EXPECT_EQ(in_x, both);
@@ -144,13 +146,16 @@ TEST(Resample, OrderOfTurnAndShift) {
   const std::vector<float> a = random_image(n * n, 5);
   const float tx = 2.0f, ty = -1.0f;
   auto turn = [&](const std::vector<float>& in) {
-    return on_device(in, n * n, [&](const float* s, float* o) { hcuda_2d_rotate_anycenter(s, o, n, n, 7.0f, 7.0f, 90.0f); });
+    return on_device(in, n * n,
+                     [&](const float* s, float* o) { hcuda_2d_rotate_anycenter(s, o, n, n, 7.0f, 7.0f, 90.0f); });
   };
   auto shift = [&](const std::vector<float>& in) {
     return on_device(in, n * n, [&](const float* s, float* o) { hcuda_2d_translate(s, o, n, n, tx, ty); });
   };
-  const auto rt = on_device(a, n * n, [&](const float* s, float* o) { hcuda_2d_rotate_translate(s, o, n, n, 90.0f, tx, ty); });
-  const auto tr = on_device(a, n * n, [&](const float* s, float* o) { hcuda_2d_translate_rotate(s, o, n, n, tx, ty, 90.0f); });
+  const auto rt =
+      on_device(a, n * n, [&](const float* s, float* o) { hcuda_2d_rotate_translate(s, o, n, n, 90.0f, tx, ty); });
+  const auto tr =
+      on_device(a, n * n, [&](const float* s, float* o) { hcuda_2d_translate_rotate(s, o, n, n, tx, ty, 90.0f); });
   const auto shift_of_turn = shift(turn(a)), turn_of_shift = turn(shift(a));
   for (unsigned y = 3; y < n - 3; ++y)
     for (unsigned x = 3; x < n - 3; ++x) {
@@ -202,7 +207,7 @@ TEST(Projection, RectangleSumsMatchNumpyOnBothBackends) {
     int direction, gid;
   };
   const Case cases[] = {
-      {"columns_host", 5, 7, 11, 9, 37, 0, 999},  {"columns_dev", 5, 7, 11, 9, 37, 0, 0},
+      {"columns_host", 5, 7, 11, 9, 37, 0, 999},    {"columns_dev", 5, 7, 11, 9, 37, 0, 0},
       {"columns_even", 4, 6, 10.5f, 8.5f, 0, 2, 0}, {"rows", 7, 5, 12, 8, 90, -1, 999},
       {"rows_reversed", 7, 5, 12, 8, 90, 1, 0},
   };
@@ -210,9 +215,8 @@ TEST(Projection, RectangleSumsMatchNumpyOnBothBackends) {
   for (const Case& c : cases) {
     mrcf_2d_project_local_rect(dir.file(std::string(c.name) + ".mrc").c_str(), dir.file("in.mrc").c_str(), c.n1, c.n2,
                                c.degrees, c.cx, c.cy, c.direction, c.gid);
-    list += std::string(c.name) + " " + std::to_string(c.n1) + " " + std::to_string(c.n2) + " " +
-            std::to_string(c.cx) + " " + std::to_string(c.cy) + " " + std::to_string(c.degrees) + " " +
-            std::to_string(c.direction) + "\n";
+    list += std::string(c.name) + " " + std::to_string(c.n1) + " " + std::to_string(c.n2) + " " + std::to_string(c.cx) +
+            " " + std::to_string(c.cy) + " " + std::to_string(c.degrees) + " " + std::to_string(c.direction) + "\n";
   }
   write_file_text(dir.file("cases.txt"), list);
   python_check("projections", dir);
@@ -234,8 +238,10 @@ TEST(Projection, ManyAnglesAreRowsOfSingleProjectionsAndSquareIsDirectionOne) {
   const std::vector<float> square(image.begin(), image.begin() + side * side);
   std::vector<float> host(side);
   cpu_2d_project_square(host.data(), square.data(), side, 33.0f);
-  const auto dev = on_device(square, side, [&](const float* s, float* o) { hcuda_2d_project_square(o, s, side, 33.0f, 1); });
-  const auto other = on_device(square, side, [&](const float* s, float* o) { hcuda_2d_project_square(o, s, side, 33.0f, -1); });
+  const auto dev =
+      on_device(square, side, [&](const float* s, float* o) { hcuda_2d_project_square(o, s, side, 33.0f, 1); });
+  const auto other =
+      on_device(square, side, [&](const float* s, float* o) { hcuda_2d_project_square(o, s, side, 33.0f, -1); });
   for (unsigned i = 0; i < side; ++i) EXPECT_NEAR(dev[i], host[i], 1e-5f);
   EXPECT_NE(other, dev);
 }
@@ -280,8 +286,9 @@ TEST(LogSubBg, LogarithmLessItsBoxMean) {
     }
   std::vector<float> bad = a;
   bad[17] = 0.0f;
-  EXPECT_EXIT_REPORT(on_device(bad, nx * ny, [&](float* s, float*) { hcuda_2d_log_subbg_boxconv_inplace(s, nx, ny, 4); }),
-                     "1 of 63 pixels are not positive");
+  EXPECT_EXIT_REPORT(
+      on_device(bad, nx * ny, [&](float* s, float*) { hcuda_2d_log_subbg_boxconv_inplace(s, nx, ny, 4); }),
+      "1 of 63 pixels are not positive");
 }
 
 TEST(HotPixels, CornerKeepsFiveTwelfthsAndAConstantImageIsLeftAlone) {
@@ -306,10 +313,10 @@ TEST(HotPixels, StackCommandMatchesNumpyWithNeighbouringHotPixels) {
   const int nx = 12, ny = 10, nz = 2;
   std::vector<float> s = random_image(nx * ny * nz, 12);
   for (float& x : s) x = 0.5f + 0.5f * x;
-  s[0] = 50.0f;                        // a corner
-  s[5 * nx + 5] = 40.0f;               // two direct neighbours, each in the other's sum
+  s[0] = 50.0f;           // a corner
+  s[5 * nx + 5] = 40.0f;  // two direct neighbours, each in the other's sum
   s[5 * nx + 6] = 45.0f;
-  s[nx * ny + 4 * nx + 11] = -60.0f;   // a cold pixel on the right edge of slice 1
+  s[nx * ny + 4 * nx + 11] = -60.0f;  // a cold pixel on the right edge of slice 1
   mrcf_write_xyz_data(dir.file("in.mrc").c_str(), s.data(), nx, ny, nz);
   mrcsf_2ds_rm_hotpixels(dir.file("in.mrc").c_str(), dir.file("hot.mrc").c_str(), 3.0f);
   python_check("hotpixels", dir);
@@ -449,12 +456,14 @@ TEST(ImageCommands, OpenFailuresEndTheRunWithoutWaiting) {
                      "Cannot open file strike any key exit!\n.*open file '.*missing.mrc' failed");
   std::vector<float> image(16, 1.0f);
   mrcf_write_xyz_data(dir.file("in.mrc").c_str(), image.data(), 4, 4, 1);
-  EXPECT_EXIT_REPORT(mrcf_cuda_2d_translate_rotate(dir.file("in.mrc").c_str(), dir.file("no/such/o.mrc").c_str(), 1, 1, 0),
-                     "Cannot open file strike any key exit!\n.*open file '.*no/such/o.mrc' failed");
+  EXPECT_EXIT_REPORT(
+      mrcf_cuda_2d_translate_rotate(dir.file("in.mrc").c_str(), dir.file("no/such/o.mrc").c_str(), 1, 1, 0),
+      "Cannot open file strike any key exit!\n.*open file '.*no/such/o.mrc' failed");
   EXPECT_EXIT_REPORT(mrcf_cuda_2d_transform(missing.c_str(), dir.file("o.mrc").c_str(), RT_Mat2D{1, 0, 0, 1, 0, 0}, 1),
                      "Cannot open file .*missing.mrc. Permission denied or wrong file name.");
-  EXPECT_EXIT_REPORT(mrcf_2d_project_local_rect(dir.file("o.mrc").c_str(), dir.file("in.mrc").c_str(), 3, 3, 0, 1, 1, 0, 77),
-                     "GPU device problem");
+  EXPECT_EXIT_REPORT(
+      mrcf_2d_project_local_rect(dir.file("o.mrc").c_str(), dir.file("in.mrc").c_str(), 3, 3, 0, 1, 1, 0, 77),
+      "GPU device problem");
 }
 
 }  // namespace
