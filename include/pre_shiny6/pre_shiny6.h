@@ -20,9 +20,9 @@
 // is 0 (k 0 and every weight 0) is written as 0, not 0/0.
 //
 // The host twin cpu_2ds_fft_dose_dft_ctf_wave differs from the device average on purpose, and
-// keeps these differences (see host_weighted_average below): no radial table; the normaliser is
-// always k + sum |wm|, whatever wnorm_type says; its scheme 1 uses the fixed dose curve
-// host_fixed_dose_weight instead of Ne_a and Ne_b.
+// keeps these differences: no radial table; the normaliser is always k + sum |wm|, whatever
+// wnorm_type says; its scheme 1 uses the fixed dose curve host_fixed_dose_weight instead of Ne_a
+// and Ne_b (scheme 3 keeps Ne_a and Ne_b).
 //
 // Bad parameters are refused before anything runs (a fatal report): mw_skeme outside 0 to 3,
 // wnorm_type other than 1 or 2 where a normaliser is formed, nxh below 2, a null table.
