@@ -10,3 +10,9 @@ double parse_non_negative(const char* option, const char* text);
 // A number from lo to hi; lo itself is refused when lo_open ("above lo"). unit is printed after
 // the bounds, e.g. " angstrom" or "". hi may be HUGE_VAL for no upper bound.
 double parse_number_in(const char* option, const char* text, double lo, bool lo_open, double hi, const char* unit);
+
+// A range "LO:HI" (LO <= HI), or a single number for a fixed value.
+struct NumberRange {
+  double lo = 0, hi = 0;
+};
+NumberRange parse_range(const char* option, const char* text);

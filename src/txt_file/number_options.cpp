@@ -3,6 +3,8 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
 #include "cuda_general/report.h"
 
@@ -42,4 +44,16 @@ double parse_number_in(const char* option, const char* text, double lo, bool lo_
   }
   if (v > hi) PK_FATAL("option %s must be at most %g%s, not '%s'", option, hi, unit, text);
   return v;
+}
+
+NumberRange parse_range(const char* option, const char* text) {
+  const char* colon = std::strchr(text, ':');
+  if (colon == nullptr) {
+    const double v = parse_number(option, text);
+    return NumberRange{v, v};
+  }
+  const std::string lo(text, colon);
+  const NumberRange r{parse_number(option, lo.c_str()), parse_number(option, colon + 1)};
+  if (r.lo > r.hi) PK_FATAL("option %s takes LO:HI with LO not above HI, not '%s'", option, text);
+  return r;
 }
