@@ -366,12 +366,14 @@ void check_output_name_lengths(const Pickora_Para* para) {
       longest = std::strlen(suffix);
       longest_suffix = suffix;
     }
-  const size_t room = PICKORA_NAME_LEN - 1 - longest - 2 * ATOMIC_FILE_TEMP_SUFFIX_MAX;
+  const long long room = static_cast<long long>(PICKORA_NAME_LEN - 1 - 2 * ATOMIC_FILE_TEMP_SUFFIX_MAX) -
+                         static_cast<long long>(longest);
   for (int n = 0; n < para->nfiles; ++n)
-    if (std::strlen(para->files[n]) > room)
+    if (static_cast<long long>(std::strlen(para->files[n])) > room)
       PK_FATAL("the micrograph name %.60s... (number %d on the list, %zu characters) is too long: with the suffix "
-               "%s and a temporary ending its output names would pass %d characters; at most %zu fit",
-               para->files[n], n + 1, std::strlen(para->files[n]), longest_suffix, PICKORA_NAME_LEN - 1, room);
+               "%.40s and a temporary ending its output names would pass %d characters; at most %lld fit",
+               para->files[n], n + 1, std::strlen(para->files[n]), longest_suffix, PICKORA_NAME_LEN - 1,
+               room > 0 ? room : 0);
 }
 
 // Options that are each in range but mean nothing together.
