@@ -53,7 +53,7 @@ struct RESO {
 constexpr double kCtfPi = 3.141592653589793;
 
 // =============================================================================================
-// The model (ctf_model.cu)
+// The model, inline: the same code on the host and in every device kernel
 // =============================================================================================
 
 // Electron wavelength in Angstrom, in float: 12.264325 / sqrt((0.978466 kv + 1000) kv).
