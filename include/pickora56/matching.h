@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "cuda_general/platform.h"
+#include "process2d_raw/bilinear.h"
 
 // ---- Kernels (one output element each) ---------------------------------------------------
 
@@ -38,19 +39,7 @@ PICKORA_HD inline void cuda_2d_rotate_cs(unsigned x, unsigned y, const float* sr
   const float dx = (float)x - cx, dy = (float)y - cy;
   const float sx = cx + (dx * c + dy * s);
   const float sy = cy + (dy * c - dx * s);
-  float value = 0.0f;
-  // Written as "inside" so that a NaN position (a NaN angle) also counts as outside.
-  if (sx >= 0.0f && sx <= (float)(nx - 1) && sy >= 0.0f && sy <= (float)(ny - 1)) {
-    const int ix = (int)sx, iy = (int)sy;
-    const float fx = sx - (float)ix, fy = sy - (float)iy;
-    const unsigned i00 = (unsigned)iy * nx + (unsigned)ix;
-    const unsigned i10 = sx == (float)ix ? i00 : i00 + 1;
-    const unsigned i01 = sy == (float)iy ? i00 : i00 + nx;
-    const unsigned i11 = sx == (float)ix ? i01 : i01 + 1;
-    const float p00 = src[i00], p10 = src[i10], p01 = src[i01], p11 = src[i11];
-    value = p00 + fx * (p10 - p00) + fy * (p01 - p00) + fy * fx * (p00 + p11 - p10 - p01);
-  }
-  out[y * nx + x] = value;
+  out[y * nx + x] = pk_2d_sample(src, nx, ny, sx, sy);
 }
 
 // The same with the angle in degrees; cosf and sinf are the accurate functions.

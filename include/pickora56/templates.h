@@ -7,6 +7,7 @@
 #pragma once
 
 #include "cuda_general/platform.h"
+#include "process2d_raw/bilinear.h"
 
 // The templates for the run. A name that is_str_null takes for empty ("NULL", "NONE" in any
 // letter case) generates the blob of create_template_data, with `radius` already in work
@@ -44,17 +45,9 @@ void hcuda_2d_scale(float* out, const float* in, int nx, int ny, float ratio);
 
 // Bilinear value of the nx-wide image at (sx, sy), which must lie in 0..nx - 1 by 0..ny - 1.
 // A coordinate that is a whole number does not read its right (lower) neighbour, so the last
-// column and row are safe.
+// column and row are safe. The toolkit's one bilinear sample (process2d_raw/bilinear.h).
 PICKORA_HD inline float cuda_2d_bilinear_value(const float* in, int nx, float sx, float sy) {
-  const int ix = static_cast<int>(sx), iy = static_cast<int>(sy);
-  const float fx = sx - static_cast<float>(ix), fy = sy - static_cast<float>(iy);
-  const bool whole_x = sx == static_cast<float>(ix), whole_y = sy == static_cast<float>(iy);
-  const int i00 = iy * nx + ix;
-  const int i10 = whole_x ? i00 : i00 + 1;
-  const int i01 = whole_y ? i00 : i00 + nx;
-  const int i11 = whole_x ? i01 : i01 + 1;
-  const float p00 = in[i00], p10 = in[i10], p01 = in[i01], p11 = in[i11];
-  return p00 + fx * (p10 - p00) + fy * (p01 - p00) + fy * fx * (p00 + p11 - p10 - p01);
+  return pk_2d_bilinear(in, static_cast<unsigned>(nx), sx, sy);
 }
 
 // One output pixel of the resampling: the output side is trunc(float side * f), and output

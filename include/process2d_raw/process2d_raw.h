@@ -9,23 +9,39 @@
 // box of (x, y) runs over [max(0, x - hx), min(nx, x + hx)) and likewise in y, so it is one pixel
 // longer on the low side and shrinks at the edges. The output is the float sum over the box, rows
 // in order and pixels in order within a row, divided by the number of pixels in it. A bx or by
-// below 2 gives an empty box, and so 0 / 0, which is NaN.
-PICKORA_HD inline void cuda_2d_convolution_by_box(unsigned x, unsigned y, const float* src, float* out, unsigned nx,
-                                                  unsigned ny, int bx, int by) {
-  if (x >= nx || y >= ny) return;
+// below 2 gives an empty box, and so 0 / 0, which is NaN (the wrappers that build on the box
+// refuse such a box; this one keeps the plain rule for its callers).
+//
+// The box of pixel (x, y): columns [x0, x1), rows [y0, y1).
+struct PkBox {
+  int x0, x1, y0, y1;
+};
+PICKORA_HD inline PkBox pk_2d_box(unsigned x, unsigned y, unsigned nx, unsigned ny, int bx, int by) {
   const int hx = bx / 2, hy = by / 2;
-  const int x0 = static_cast<int>(x) - hx > 0 ? static_cast<int>(x) - hx : 0;
-  const int y0 = static_cast<int>(y) - hy > 0 ? static_cast<int>(y) - hy : 0;
-  const int x1 = static_cast<int>(x) + hx < static_cast<int>(nx) ? static_cast<int>(x) + hx : static_cast<int>(nx);
-  const int y1 = static_cast<int>(y) + hy < static_cast<int>(ny) ? static_cast<int>(y) + hy : static_cast<int>(ny);
+  PkBox b;
+  b.x0 = static_cast<int>(x) - hx > 0 ? static_cast<int>(x) - hx : 0;
+  b.y0 = static_cast<int>(y) - hy > 0 ? static_cast<int>(y) - hy : 0;
+  b.x1 = static_cast<int>(x) + hx < static_cast<int>(nx) ? static_cast<int>(x) + hx : static_cast<int>(nx);
+  b.y1 = static_cast<int>(y) + hy < static_cast<int>(ny) ? static_cast<int>(y) + hy : static_cast<int>(ny);
+  return b;
+}
+
+// The box mean of (x, y) as the kernel below computes it.
+PICKORA_HD inline float pk_2d_box_mean(const float* src, unsigned nx, PkBox b) {
   float sum = 0.0f;
   int count = 0;
-  for (int j = y0; j < y1; ++j)
-    for (int i = x0; i < x1; ++i) {
+  for (int j = b.y0; j < b.y1; ++j)
+    for (int i = b.x0; i < b.x1; ++i) {
       sum += src[static_cast<unsigned>(j) * nx + static_cast<unsigned>(i)];
       ++count;
     }
-  out[y * nx + x] = sum / static_cast<float>(count);
+  return sum / static_cast<float>(count);
+}
+
+PICKORA_HD inline void cuda_2d_convolution_by_box(unsigned x, unsigned y, const float* src, float* out, unsigned nx,
+                                                  unsigned ny, int bx, int by) {
+  if (x >= nx || y >= ny) return;
+  out[y * nx + x] = pk_2d_box_mean(src, nx, pk_2d_box(x, y, nx, ny, bx, by));
 }
 
 void hcuda_2d_convolution_by_box(const float* src, float* out, unsigned nx, unsigned ny, int bx, int by);
