@@ -4,6 +4,8 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
 #include "cuda_general/report.h"
 
@@ -31,4 +33,20 @@ inline double parse_non_negative(const char* option, const char* text) {
   const double v = parse_number(option, text);
   if (v < 0) PK_FATAL("option %s must be 0 or more, not '%s'", option, text);
   return v;
+}
+
+// A range "LO:HI" (LO <= HI), or a single number for a fixed value.
+struct NumberRange {
+  double lo = 0, hi = 0;
+};
+inline NumberRange parse_range(const char* option, const char* text) {
+  const char* colon = std::strchr(text, ':');
+  if (colon == nullptr) {
+    const double v = parse_number(option, text);
+    return NumberRange{v, v};
+  }
+  const std::string lo(text, colon);
+  const NumberRange r{parse_number(option, lo.c_str()), parse_number(option, colon + 1)};
+  if (r.lo > r.hi) PK_FATAL("option %s takes LO:HI with LO not above HI, not '%s'", option, text);
+  return r;
 }

@@ -5,10 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "../common/tool_files.h"
 #include "sim_scene.h"
-
-// nz images of nx by ny; the head's cell says pixel_A Angstrom per pixel. Fatal on failure.
-void write_mrc_with_pixel_size(const std::string& path, const float* data, int nx, int ny, int nz, double pixel_A);
 
 // The truth table: a comment line with the particle diameter in pixels (the scorer's default
 // radius comes from it), then _rlnCoordinateX, _rlnCoordinateY, _rlnAnglePsi and
