@@ -60,6 +60,9 @@ if(PICKORA_MAIN_SOURCES)
   pickora_add_executable(pickora ${PICKORA_MAIN_SOURCES})
 endif()
 
+# The CTF determination command (the picker's command line doesn't reach the CTF toolkit).
+pickora_add_executable(sorrel ${PROJECT_SOURCE_DIR}/applications/sorrel/main.cpp)
+
 # Companion tools: every folder tools/NAME with .cpp files becomes the executable pickora-NAME,
 # on the CPU backend (the tools do their own work on the host).
 file(GLOB PICKORA_TOOL_DIRS LIST_DIRECTORIES true CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tools/*)
