@@ -15,6 +15,7 @@
 #include "cuda_general/report.h"
 #include "math_utils/host_stats.h"
 #include "process2d_core/spectrum_2dh.h"
+#include "random_utils/random_source.h"
 #include "txt_file/arrays_strings.h"
 #include "txt_file/txt_file.h"
 
@@ -153,6 +154,7 @@ int SORREL_A::sorrel_preparation(int argc, char** argv) {
                 para.files.size());
     return 2;
   }
+  if (para.seed != 0) random_source_set_seed(static_cast<uint64_t>(para.seed));
   if (para.pre_read) queue = new SorrelDataQueue(para.dp_silent);
   sorrel_allocate_ctf_data();
   if (para.do_local_refine)
