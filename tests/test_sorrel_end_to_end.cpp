@@ -213,6 +213,18 @@ TEST(SorrelEndToEnd, RunsThatCannotStart) {
   EXPECT_EQ(run_command(in_dir(dir) + bin("sorrel") + " --apix 1.0 --boxsize 256 sim/mic_0000.mrc sim/other.mrc", out),
             1);
   EXPECT_EQ(read_rows(dir.file("micrographs_all_sorrel.star")).size(), 1u) << out;
+  // Micrographs smaller than the tile shrink it; smaller than the smallest tile, nothing runs.
+  EXPECT_EQ(run_command(in_dir(dir) + bin("sorrel") + " --apix 1.0 --do_phase_flip sim/mic_0000.mrc", out), 0) << out;
+  EXPECT_NE(out.find("--boxsize 1024 is larger than the micrographs (512 x 512), forcing it to be 512"),
+            std::string::npos);
+  EXPECT_EQ(read_rows(dir.file("micrographs_all_sorrel.star")).size(), 1u) << out;
+  MRC_HEAD head;
+  ASSERT_EQ(sorrel_probe_mic(dir.file("sim/mic_0000_pf.mrc").c_str(), &head), SORREL_READ_OK);
+  EXPECT_EQ(head.nx, 512);
+  std::vector<float> tiny(100 * 100, 1.0f);
+  mrcf_write_xyz_data(dir.file("tiny.mrc").c_str(), tiny.data(), 100, 100, 1);
+  EXPECT_EQ(run_command(in_dir(dir) + bin("sorrel") + " tiny.mrc", out), 1);
+  EXPECT_NE(out.find("smaller than the smallest spectrum tile of 128 pixels"), std::string::npos) << out;
 }
 
 }  // namespace

@@ -99,7 +99,8 @@ void SORREL_A::sorrel_allocate_ctf_data() {
                 side);
     box = side;
     para.convsize = box / 12;
-    if (para.convs_out > box / 2) para.convs_out = box / 7;
+    // The output's smoothing box follows the tile like the fit's, unless it was given.
+    if (!sorrel_option_given(&para, "convs_out") || para.convs_out > box / 2) para.convs_out = box / 7;
   }
   nh = box / 2 + 1;
   n2dh = static_cast<unsigned long>(nh) * box;
