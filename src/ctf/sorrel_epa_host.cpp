@@ -16,7 +16,7 @@ long cpu_ctf_1dh_get_all_zp_res(std::vector<float2>& list, const float* curve, i
                                 float cs, float ac, float ps, float defocus, float resL, float resH, int zp_mode) {
   const int kind = zp_mode / 10, unit = zp_mode % 10;
   if (zp_mode < 0 || kind > 2 || unit < 1 || unit > 4) {
-    PK_WARNING("zp_mode unrecognized!!\n");
+    PK_WARNING("zp_mode unrecognized!!");
     return -1;
   }
   list.clear();
@@ -259,7 +259,7 @@ float SORREL_A::sorrel_bfac_estimation_from_epa_1d3() {
                              refined[0], para.B_resL, para.B_resH, 13);
   if (peaks.size() < 3) {
     b_factor = 0.0f;
-    PK_WARNING("Bfactor estimation failed due to too few CTF peaks\n!\n");
+    PK_WARNING("Bfactor estimation failed due to too few CTF peaks\n!");
   } else {
     double slope = 0.0, intercept = 0.0;
     smp_line_fit2(peaks, slope, intercept);

@@ -78,7 +78,7 @@ int SorrelDataQueue::get_until_succeed(mrcf_data_packet& out) {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait_for(lock, std::chrono::microseconds(100000), [&] { return !packets_.empty() || all_sent_; });
   }
-  PK_WARNING("Failed to get data after %d many times tries!\n", SORREL_QUEUE_MAX_TRIES);
+  PK_WARNING("Failed to get data after %d many times tries!", SORREL_QUEUE_MAX_TRIES);
   return 0;
 }
 

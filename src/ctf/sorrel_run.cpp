@@ -132,7 +132,7 @@ void SORREL_A::sorrel_free_ctf_data() {
 
 int SORREL_A::sorrel_open_sumlog() {
   if (is_str_null(para.ctfstar)) {
-    PK_WARNING("No output ctfstar file! You may have to extract CTF information from *_sorrel.log!\n");
+    PK_WARNING("No output ctfstar file! You may have to extract CTF information from *_sorrel.log!");
     return 0;
   }
   sumlog = std::fopen(para.ctfstar, "w+");
@@ -159,7 +159,7 @@ int SORREL_A::sorrel_preparation(int argc, char** argv) {
   if (para.pre_read) queue = new SorrelDataQueue(para.dp_silent);
   sorrel_allocate_ctf_data();
   if (para.do_local_refine)
-    PK_WARNING("Local refinement (--do_local_refine) is not part of this build; the global values are written.\n");
+    PK_WARNING("Local refinement (--do_local_refine) is not part of this build; the global values are written.");
   sorrel_put_parameters(&para);
   sorrel_open_sumlog();
   return 0;
@@ -202,7 +202,7 @@ int SORREL_A::sorrel_prep_one_mic(int index) {
   }
   const SorrelRead probe = sorrel_probe_mic(name.c_str(), &head);
   if (probe != SORREL_READ_OK) {
-    PK_WARNING("Micrograph %s %s!\n", name.c_str(), sorrel_read_text(probe));
+    PK_WARNING("Micrograph %s %s!", name.c_str(), sorrel_read_text(probe));
     return -1;
   }
   // Every size of the run comes from the first micrograph: another size ends the run, and the
@@ -229,7 +229,7 @@ int SORREL_A::sorrel_prep_one_mic(int index) {
   }
   if (got == SORREL_READ_OTHER_SIZE) sorrel_check_mrc_head_sizes_two(para.files[0].c_str(), name.c_str(), &head0, &head);
   if (got != SORREL_READ_OK) {
-    PK_WARNING("Reading micrograph %s failed: it %s!\n", name.c_str(), sorrel_read_text(got));
+    PK_WARNING("Reading micrograph %s failed: it %s!", name.c_str(), sorrel_read_text(got));
     std::fclose(log), log = nullptr;
     return -1;
   }
@@ -292,12 +292,12 @@ int SORREL_A::sorrel_run_all(int argc, char** argv) {
     const double t0 = sorrel_now();
     sorrel_reset_for_micrograph();
     if (sorrel_prep_one_mic(i) != 0) {
-      PK_WARNING("SORREL failed to prepare micrograph %s;skipped and continue with the next.!\n",
+      PK_WARNING("SORREL failed to prepare micrograph %s;skipped and continue with the next.!",
                  para.files[i].c_str());
       continue;
     }
     if (sorrel_generate_ctf_d_data() != 0) {
-      PK_WARNING("SORREL failed to generate CTF data from file %s, skipped and continue with the next.!\n",
+      PK_WARNING("SORREL failed to generate CTF data from file %s, skipped and continue with the next.!",
                  name.c_str());
       std::fclose(log), log = nullptr;
       continue;

@@ -52,7 +52,7 @@ bool all_finite(const std::vector<float>& a) {
 int SORREL_A::sorrel_generate_ctf_d_data() {
   const double t0 = sorrel_now();
   if (nz < 1) {
-    PK_WARNING("Invalid frame number!!\n");
+    PK_WARNING("Invalid frame number!!");
     return -1;
   }
   // All frames of a stack are summed into one image before the spectrum is taken.
@@ -68,7 +68,7 @@ int SORREL_A::sorrel_generate_ctf_d_data() {
   double mean = 0.0, sd = 0.0;
   hm_mean_stdv(h_image.data(), plane, mean, sd);
   if (!(sd > 0.0) || !std::isfinite(sd)) {
-    PK_WARNING("Micrograph %s is blank (constant pixel values or not finite numbers); no CTF to determine!\n",
+    PK_WARNING("Micrograph %s is blank (constant pixel values or not finite numbers); no CTF to determine!",
                name.c_str());
     return -1;
   }
@@ -84,7 +84,7 @@ int SORREL_A::sorrel_generate_ctf_d_data() {
   PK_CUDA_CHECK(memcpy_D2H(h_sub2.data(), d_sub2, n2dh * sizeof(float)));
   h_sub[static_cast<unsigned long>(box / 2) * nh] = 0.0f;
   if (!all_finite(h_sub) || !all_finite(h_full)) {
-    PK_WARNING("The power spectrum of %s holds values that are not finite numbers; no CTF to determine!\n",
+    PK_WARNING("The power spectrum of %s holds values that are not finite numbers; no CTF to determine!",
                name.c_str());
     return -1;
   }
