@@ -48,6 +48,8 @@ class SORREL_A {
 
   // The whole run; returns the exit status (0 done, also after an unknown option; 1 otherwise).
   int sorrel_run_all(int argc, char** argv);
+  // The run itself, without the guard of sorrel_run_all.
+  int sorrel_run(int argc, char** argv);
 
   // ---- run control ----
   // Parameters, the first head, allocation, reports, the summary file. Returns 0 to go on, or

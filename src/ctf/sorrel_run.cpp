@@ -277,6 +277,18 @@ void SORREL_A::sorrel_write_ctfout() {
 }
 
 int SORREL_A::sorrel_run_all(int argc, char** argv) {
+  // A fatal report that ends the run by an error rather than by exiting has printed its text
+  // already: the run answers with status 1, the reader thread joined on the way out.
+  try {
+    return sorrel_run(argc, argv);
+  } catch (...) {
+    reader.join();
+    std::fflush(stdout);
+    return 1;
+  }
+}
+
+int SORREL_A::sorrel_run(int argc, char** argv) {
   t_start = sorrel_now();
   const int prepared = sorrel_preparation(argc, argv);
   if (prepared == 1) return 0;
