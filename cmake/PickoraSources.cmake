@@ -63,6 +63,13 @@ endif()
 # The CTF determination command (the picker's command line doesn't reach the CTF toolkit).
 pickora_add_executable(sorrel ${PROJECT_SOURCE_DIR}/applications/sorrel/main.cpp)
 
+# The image toolkit's command: its file operations, one subcommand each. The tests run it too.
+file(GLOB PICKORA_IMAGE_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/applications/pickora-image/*.cpp)
+if(PICKORA_IMAGE_SOURCES)
+  pickora_add_executable(pickora-image ${PICKORA_IMAGE_SOURCES})
+  list(APPEND PICKORA_TOOL_TARGETS pickora-image)
+endif()
+
 # Companion tools: every folder tools/NAME with .cpp files becomes the executable pickora-NAME,
 # on the CPU backend (the tools do their own work on the host).
 file(GLOB PICKORA_TOOL_DIRS LIST_DIRECTORIES true CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tools/*)

@@ -24,6 +24,12 @@
 // with NaN or infinity. The whole-image forms and mrcf_phase_flip_write refuse odd sides. Where
 // the Wiener denominator 1 + W c^2 is 0 (a negative weight), the filtered element is 0.
 //
+// The Nyquist column. For an even nx the last column of a half spectrum holds fx = +1/2, which is
+// also -1/2: its element at fy is the Friedel mate of the one at -fy, but the model sees the two
+// directions atan2(fy, 1/2) and atan2(-fy, 1/2). With astigmatism the factors differ there, and
+// the inverse transform keeps only their Hermitian part, so a whole-image filter is exact below
+// the Nyquist column and approximate in it.
+//
 // Prefixes: cuda_ one element (thread coordinates first), hcuda_ its launch on device pointers,
 // gpu_ the same on host arrays through device buffers of its own, cpu_ a host loop over the same
 // element function with the same results.

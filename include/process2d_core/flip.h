@@ -15,6 +15,7 @@
 //   other  y nx + x               a copy, row length nx
 // Mode 7 is a copy here too; the file command gives it exchanged sides (process2d_mrcs.h).
 PICKORA_HD inline unsigned pk_flip_index(unsigned x, unsigned y, unsigned nx, unsigned ny, int mode) {
+  // clang-format off
   switch (mode) {
     case 1: return y * nx + (nx - 1 - x);
     case 2: return (ny - 1 - y) * nx + x;
@@ -24,6 +25,7 @@ PICKORA_HD inline unsigned pk_flip_index(unsigned x, unsigned y, unsigned nx, un
     case 6: return (nx - 1 - x) * ny + y;
     default: return y * nx + x;
   }
+  // clang-format on
 }
 
 // Whether a flip mode gives a result ny wide (the sides exchanged).

@@ -72,8 +72,8 @@ PICKORA_HD inline void cuda_2d_project_square(unsigned i, float* output, const f
 // Many angles: thread (i, k) makes element i of row k, angle k read from a device array. Rows are
 // n1 long (the larger side in cuda_2d_project_many).
 PICKORA_HD inline void cuda_2d_project_local_rect_many(unsigned i, unsigned k, float* output, int n1, int n2,
-                                                       const float* angles, int count, const float* image,
-                                                       unsigned nx, unsigned ny, float cx, float cy, int direction) {
+                                                       const float* angles, int count, const float* image, unsigned nx,
+                                                       unsigned ny, float cx, float cy, int direction) {
   if (i >= (unsigned)n1 || k >= (unsigned)count) return;
   output[k * (unsigned)n1 + i] =
       pk_2d_project_line(image, nx, ny, n1, n2, cx, cy, pk_projection_axes(angles[k], direction), (int)i);
@@ -94,8 +94,8 @@ void hcuda_2d_project_local_rect(float* output, int n1, int n2, const float* ima
                                  float cy, float degrees, int direction);
 void hcuda_2d_project_many(float* output, const float* angles, int count, const float* image, unsigned nx, unsigned ny,
                            float cx, float cy, int direction);
-void hcuda_2d_project_local_rect_many(float* output, int n1, int n2, const float* angles, int count,
-                                      const float* image, unsigned nx, unsigned ny, float cx, float cy, int direction);
+void hcuda_2d_project_local_rect_many(float* output, int n1, int n2, const float* angles, int count, const float* image,
+                                      unsigned nx, unsigned ny, float cx, float cy, int direction);
 
 // ---- Host buffers through the device --------------------------------------------------------
 
@@ -103,8 +103,8 @@ void gpu_2d_project_local_rect(float* output, int n1, int n2, const float* image
                                float cy, float degrees, int direction);
 void gpu_2d_project_many(float* output, const float* angles, int count, const float* image, unsigned nx, unsigned ny,
                          float cx, float cy, int direction);
-void gpu_2d_project_local_rect_many(float* output, int n1, int n2, const float* angles, int count,
-                                    const float* image, unsigned nx, unsigned ny, float cx, float cy, int direction);
+void gpu_2d_project_local_rect_many(float* output, int n1, int n2, const float* angles, int count, const float* image,
+                                    unsigned nx, unsigned ny, float cx, float cy, int direction);
 
 // ---- Host twins, plain loops over the same element ------------------------------------------
 

@@ -70,8 +70,8 @@ PICKORA_HD inline void cuda_2d_translate_rotate(unsigned x, unsigned y, const fl
 }
 
 // Shifts: the picture moves by +t. The one-axis forms interpolate along their own axis only.
-PICKORA_HD inline void cuda_2d_translate(unsigned x, unsigned y, const float* src, float* out, unsigned nx,
-                                         unsigned ny, float tx, float ty) {
+PICKORA_HD inline void cuda_2d_translate(unsigned x, unsigned y, const float* src, float* out, unsigned nx, unsigned ny,
+                                         float tx, float ty) {
   if (x >= nx || y >= ny) return;
   out[y * nx + x] = pk_2d_sample(src, nx, ny, (float)x - tx, (float)y - ty);
 }
@@ -114,8 +114,8 @@ PICKORA_HD inline void pk_transform_sample(unsigned x, unsigned y, const float* 
 }
 
 // The two forms differ only in whether the record is turned before or after the bounds test.
-PICKORA_HD inline void cuda_2d_transform(unsigned x, unsigned y, const float* src, float* out, unsigned nx,
-                                         unsigned ny, float cx, float cy, RT_Mat2D m, int direction) {
+PICKORA_HD inline void cuda_2d_transform(unsigned x, unsigned y, const float* src, float* out, unsigned nx, unsigned ny,
+                                         float cx, float cy, RT_Mat2D m, int direction) {
   if (x >= nx || y >= ny) return;
   pk_transform_sample(x, y, src, out, nx, ny, cx, cy, pk_rt_mat2d_for_direction(m, direction));
 }
@@ -154,8 +154,8 @@ PICKORA_HD inline void cuda_2d_rotate_ave_anycenter_rad(unsigned x, unsigned y, 
   }
   out[y * nx + x] = sum / w;
 }
-PICKORA_HD inline void cuda_2d_rotate_ave_anycenter(unsigned x, unsigned y, const float* src, float* out,
-                                                    unsigned nx, unsigned ny, float cx, float cy, float degrees) {
+PICKORA_HD inline void cuda_2d_rotate_ave_anycenter(unsigned x, unsigned y, const float* src, float* out, unsigned nx,
+                                                    unsigned ny, float cx, float cy, float degrees) {
   cuda_2d_rotate_ave_anycenter_rad(x, y, src, out, nx, ny, cx, cy, degrees * kResampleDegToRad);
 }
 

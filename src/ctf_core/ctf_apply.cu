@@ -64,11 +64,11 @@ void ctf_filter_image(const char* func, const float* in, float* out, unsigned nx
   ctf_require_even_sides(func, nx, ny);
   ctf_require_usable(func, pixel_size, ac);
   const unsigned nh = fft_half_width(nx);
-  float2* spectrum = ctf_device_block<float2>(std::size_t(nh) * ny);
-  hcuda_2d_fft_r2c_norm(in, spectrum, nx, ny);
-  filter(spectrum, nh);
-  hcuda_2d_fft_c2r_norm(spectrum, out, nx, ny);
-  safe_cudaFree(spectrum);
+  CtfDeviceBlock<float2> spectrum(std::size_t(nh) * ny);
+  hcuda_2d_fft_r2c_norm(in, spectrum.get(), nx, ny);
+  filter(spectrum.get(), nh);
+  hcuda_2d_fft_c2r_norm(spectrum.get(), out, nx, ny);
+  spectrum.release();
 }
 
 }  // namespace
@@ -105,11 +105,12 @@ namespace {
 template <class Run>
 void ctf_gpu_image(const float* h_in, float* h_out, const float* h_W, unsigned nx, unsigned ny, Run run) {
   const std::size_t n = std::size_t(nx) * ny;
-  float* d = ctf_device_block(n, h_in);
-  float* d_W = h_W != nullptr ? ctf_device_block(std::size_t(fft_half_width(nx)) * ny, h_W) : nullptr;
-  run(d, d_W);
-  ctf_device_return(h_out, d, n);
-  safe_cudaFree(d_W);
+  CtfDeviceBlock<float> d(n, h_in);
+  CtfDeviceBlock<float> d_W(h_W != nullptr ? std::size_t(fft_half_width(nx)) * ny : 0, h_W);
+  run(d.get(), d_W.get());
+  d.copy_to_host(h_out);
+  d.release();
+  d_W.release();
 }
 
 }  // namespace

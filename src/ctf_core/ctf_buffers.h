@@ -5,28 +5,40 @@
 
 #include "cuda_general/cuda_general.h"
 
-// A device block of n elements, filled from the host array h when it is given.
+// A device block of n elements, filled from the host array h when one is given. release()
+// frees it through the device check; a block still held when it goes out of scope (a fatal
+// report thrown on the way) is freed without a check, as nothing may be reported from there.
 template <class T>
-T* ctf_device_block(std::size_t n, const T* h = nullptr) {
-  T* d = nullptr;
-  safe_cudaMalloc(&d, sizeof(T) * (n > 0 ? n : 1));
-  if (h != nullptr && n > 0) PK_CUDA_CHECK(memcpy_H2D(d, h, sizeof(T) * n));
-  return d;
-}
+class CtfDeviceBlock {
+ public:
+  explicit CtfDeviceBlock(std::size_t n, const T* h = nullptr) : n_(n) {
+    safe_cudaMalloc(&d_, sizeof(T) * (n > 0 ? n : 1));
+    if (h != nullptr && n > 0) PK_CUDA_CHECK(memcpy_H2D(d_, h, sizeof(T) * n));
+  }
+  ~CtfDeviceBlock() {
+    if (d_ != nullptr) static_cast<void>(cudaFree(d_));
+  }
+  CtfDeviceBlock(const CtfDeviceBlock&) = delete;
+  CtfDeviceBlock& operator=(const CtfDeviceBlock&) = delete;
 
-// Copies n elements of d to the host array h, then frees d.
-template <class T>
-void ctf_device_return(T* h, T*& d, std::size_t n) {
-  if (n > 0) PK_CUDA_CHECK(memcpy_D2H(h, d, sizeof(T) * n));
-  safe_cudaFree(d);
-}
+  T* get() const { return d_; }
+  void copy_to_host(T* h) const {
+    if (n_ > 0) PK_CUDA_CHECK(memcpy_D2H(h, d_, sizeof(T) * n_));
+  }
+  void release() { safe_cudaFree(d_); }
+
+ private:
+  T* d_ = nullptr;
+  std::size_t n_;
+};
 
 // A gpu_ form of an operation that fills n elements: run(d_out) on a device block, then back.
 template <class T, class Run>
 void ctf_gpu_fill(T* h_out, std::size_t n, Run run) {
-  T* d = ctf_device_block<T>(n);
-  run(d);
-  ctf_device_return(h_out, d, n);
+  CtfDeviceBlock<T> d(n);
+  run(d.get());
+  d.copy_to_host(h_out);
+  d.release();
 }
 
 template <class F>

@@ -46,11 +46,11 @@ void gpu_ctf_phase_simulate_1d(float* h_out, float pixel_size, unsigned n, float
 void gpu_ctf_mod_simulate_1ds_multi_defocus(float* h_out, float pixel_size, unsigned n, float ps, float kv, float cs,
                                             float ac, const float* h_defocus, unsigned count, float bfac, float resL,
                                             float resH) {
-  float* d_def = ctf_device_block(count, h_defocus);
+  CtfDeviceBlock<float> d_def(count, h_defocus);
   ctf_gpu_fill(h_out, std::size_t(n) * count, [&](float* d) {
-    hcuda_ctf_mod_simulate_1ds_multi_defocus(d, pixel_size, n, ps, kv, cs, ac, d_def, count, bfac, resL, resH);
+    hcuda_ctf_mod_simulate_1ds_multi_defocus(d, pixel_size, n, ps, kv, cs, ac, d_def.get(), count, bfac, resL, resH);
   });
-  safe_cudaFree(d_def);
+  d_def.release();
 }
 
 void cpu_ctf_mod_simulate_1d(float* out, float pixel_size, unsigned n, float ps, float kv, float cs, float ac,
@@ -129,11 +129,11 @@ void gpu_ctf_pow_simulate_2dh(float* h_out, float pixel_size, unsigned nh, unsig
 void gpu_ctf_smrl_2dh(float* h_out, const float* h_raw, float pixel_size, unsigned nh, unsigned ny, float kv, float cs,
                       float ac, float ps, float defU, float defV, float defA, float bfac, float resL, float resH) {
   const std::size_t n = std::size_t(nh) * ny;
-  float* d_raw = ctf_device_block(n, h_raw);
+  CtfDeviceBlock<float> d_raw(n, h_raw);
   ctf_gpu_fill(h_out, n, [&](float* d) {
-    hcuda_ctf_smrl_2dh(d, d_raw, pixel_size, nh, ny, kv, cs, ac, ps, defU, defV, defA, bfac, resL, resH);
+    hcuda_ctf_smrl_2dh(d, d_raw.get(), pixel_size, nh, ny, kv, cs, ac, ps, defU, defV, defA, bfac, resL, resH);
   });
-  safe_cudaFree(d_raw);
+  d_raw.release();
 }
 
 void cpu_ctf_mod_simulate_2d(float* out, float pixel_size, unsigned nx, unsigned ny, float kv, float cs, float ac,
@@ -184,18 +184,18 @@ void hcuda_x2dh_res_based_multiply_inplace(float* a, const float* b, float pixel
 void gpu_2dh_res_based_square(float* h_out, const float* h_in, float pixel_size, unsigned nh, unsigned ny, float resL,
                               float resH) {
   const std::size_t n = std::size_t(nh) * ny;
-  float* d_in = ctf_device_block(n, h_in);
-  ctf_gpu_fill(h_out, n, [&](float* d) { hcuda_2dh_res_based_square(d, d_in, pixel_size, nh, ny, resL, resH); });
-  safe_cudaFree(d_in);
+  CtfDeviceBlock<float> d_in(n, h_in);
+  ctf_gpu_fill(h_out, n, [&](float* d) { hcuda_2dh_res_based_square(d, d_in.get(), pixel_size, nh, ny, resL, resH); });
+  d_in.release();
 }
 void gpu_x2dh_res_based_multiply_inplace(float* h_a, const float* h_b, float pixel_size, unsigned nh, unsigned ny,
                                          float resL, float resH) {
   const std::size_t n = std::size_t(nh) * ny;
-  float* d_a = ctf_device_block(n, h_a);
-  float* d_b = ctf_device_block(n, h_b);
-  hcuda_x2dh_res_based_multiply_inplace(d_a, d_b, pixel_size, nh, ny, resL, resH);
-  ctf_device_return(h_a, d_a, n);
-  safe_cudaFree(d_b);
+  CtfDeviceBlock<float> d_a(n, h_a), d_b(n, h_b);
+  hcuda_x2dh_res_based_multiply_inplace(d_a.get(), d_b.get(), pixel_size, nh, ny, resL, resH);
+  d_a.copy_to_host(h_a);
+  d_a.release();
+  d_b.release();
 }
 void cpu_2dh_res_based_square(float* out, const float* in, float pixel_size, unsigned nh, unsigned ny, float resL,
                               float resH) {

@@ -66,9 +66,9 @@ void gpu_ctf_sim_2d(float* h_out, unsigned nx, unsigned ny, float pixel_size, CT
 void gpu_ctf_simXraw_2dh(float* h_out, const float* h_raw, unsigned nh, unsigned ny, float pixel_size, CTF_INFO info,
                          RESO reso, char mode) {
   const std::size_t n = std::size_t(nh) * ny;
-  float* d_raw = ctf_device_block(n, h_raw);
-  ctf_gpu_fill(h_out, n, [&](float* d) { hcuda_ctf_simXraw_2dh(d, d_raw, nh, ny, pixel_size, info, reso, mode); });
-  safe_cudaFree(d_raw);
+  CtfDeviceBlock<float> d_raw(n, h_raw);
+  ctf_gpu_fill(h_out, n, [&](float* d) { hcuda_ctf_simXraw_2dh(d, d_raw.get(), nh, ny, pixel_size, info, reso, mode); });
+  d_raw.release();
 }
 void gpu_ctf_sim_1dh_c(float* h_out, unsigned n, float pixel_size, float kv, float cs, float ac, float ps,
                        float defocus, float bfac, float resL, float resH, char mode) {
@@ -183,9 +183,9 @@ void cpu_ctf_sim_2ds(float* out, unsigned nx, unsigned ny, float pixel_size, con
 float hcuda_ctf_sim_dot_raw_2dh(const float* raw, unsigned nh, unsigned ny, float pixel_size, CTF_INFO info, RESO reso,
                                 char mode) {
   const std::size_t n = std::size_t(nh) * ny;
-  float* product = ctf_device_block<float>(n);
-  hcuda_ctf_simXraw_2dh(product, raw, nh, ny, pixel_size, info, reso, mode);
-  const float sum = hcuda_fast_sum(product, n, 1024);
-  safe_cudaFree(product);
+  CtfDeviceBlock<float> product(n);
+  hcuda_ctf_simXraw_2dh(product.get(), raw, nh, ny, pixel_size, info, reso, mode);
+  const float sum = hcuda_fast_sum(product.get(), n, 1024);
+  product.release();
   return sum;
 }

@@ -1,6 +1,4 @@
 // Correlation coefficients on the device.
-#include "process2d_core/ccc.h"
-
 #include <cmath>
 #include <vector>
 
@@ -8,13 +6,15 @@
 #include "cuda_general/launch.h"
 #include "math_utils/device_stats.h"
 #include "math_utils/host_stats.h"
+#include "process2d_core/ccc.h"
 #include "process2d_core/process2d_core.h"
 
 float hcuda_x2d_ccc(const float* a, const float* b, unsigned nx, unsigned ny) {
   if (ny == 0) return 0.0f;
   float* d_rows = nullptr;
   safe_cudaMalloc(&d_rows, sizeof(float) * ny);
-  PK_LAUNCH_FLAT(ny, PICKORA_LAMBDA(unsigned i) { cuda_x2d_ccc_lineX(i, a, b, d_rows, nx, ny); });
+  PK_LAUNCH_FLAT(
+      ny, PICKORA_LAMBDA(unsigned i) { cuda_x2d_ccc_lineX(i, a, b, d_rows, nx, ny); });
   std::vector<float> rows(ny);
   PK_CUDA_CHECK(memcpy_D2H(rows.data(), d_rows, sizeof(float) * ny));
   safe_cudaFree(d_rows);

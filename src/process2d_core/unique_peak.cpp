@@ -20,5 +20,6 @@ void cpu_2d_get_unique_peak(const float* image, int nx, int ny, int& x, int& y, 
 
 void cpu_2ds_get_unique_peak(const float* stack, int nx, int ny, Pixel* peaks, int nz) {
   const long slice = static_cast<long>(nx) * ny;
-  for (int z = 0; z < nz; ++z) cpu_2d_get_unique_peak(stack + z * slice, nx, ny, peaks[z].x, peaks[z].y, peaks[z].value);
+  for (int z = 0; z < nz; ++z)
+    cpu_2d_get_unique_peak(stack + z * slice, nx, ny, peaks[z].x, peaks[z].y, peaks[z].value);
 }

@@ -1,6 +1,4 @@
 // Launchers of the box deviation, the logarithm less its box mean and the hot-pixel repair.
-#include "process2d_raw/box_ops.h"
-
 #include <cstdio>
 
 #include "cuda_fast_sum/cuda_fast_sum.h"
@@ -8,14 +6,14 @@
 #include "cuda_general/launch.h"
 #include "math_utils/device_stats.h"
 #include "process2d_core/process2d_core.h"
+#include "process2d_raw/box_ops.h"
 
 namespace {
 
 constexpr int kSumBlock = 1024;
 
 void require_box(int bx, int by) {
-  if (bx < 2 || by < 2)
-    PK_FATAL("A box of %d x %d pixels holds no pixel: both sides must be at least 2", bx, by);
+  if (bx < 2 || by < 2) PK_FATAL("A box of %d x %d pixels holds no pixel: both sides must be at least 2", bx, by);
 }
 
 // 1.0 where the value is not above 0 (NaN included), 0.0 elsewhere.
@@ -27,7 +25,8 @@ PICKORA_HD inline void cuda_not_positive(unsigned i, float* flags, const float* 
 
 void hcuda_2d_std_by_box(const float* src, float* out, unsigned nx, unsigned ny, int bx, int by) {
   require_box(bx, by);
-  PK_LAUNCH_IMAGE(nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_std_by_box(x, y, src, out, nx, ny, bx, by); });
+  PK_LAUNCH_IMAGE(
+      nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_std_by_box(x, y, src, out, nx, ny, bx, by); });
 }
 
 void hcuda_2d_log_subbg_boxconv_inplace(float* image, unsigned nx, unsigned ny, int box) {
@@ -35,7 +34,8 @@ void hcuda_2d_log_subbg_boxconv_inplace(float* image, unsigned nx, unsigned ny, 
   const unsigned long n = static_cast<unsigned long>(nx) * ny;
   float* scratch = nullptr;
   safe_cudaMalloc(&scratch, sizeof(float) * (n > 0 ? n : 1));
-  PK_LAUNCH_FLAT(n, PICKORA_LAMBDA(unsigned i) { cuda_not_positive(i, scratch, image, n); });
+  PK_LAUNCH_FLAT(
+      n, PICKORA_LAMBDA(unsigned i) { cuda_not_positive(i, scratch, image, n); });
   const float bad = hcuda_fast_sum(scratch, n, kSumBlock);
   if (bad > 0.0f) {
     safe_cudaFree(scratch);

@@ -1,17 +1,15 @@
 // Launchers of the line projections and their host-buffer forms.
-#include "process2d_raw/projection.h"
-
 #include "cuda_general/cuda_general.h"
 #include "cuda_general/launch.h"
+#include "process2d_raw/projection.h"
 
 void hcuda_2d_project_local_rect(float* output, int n1, int n2, const float* image, unsigned nx, unsigned ny, float cx,
                                  float cy, float degrees, int direction) {
   if (n1 <= 0) return;
   const PkProjectionAxes axes = pk_projection_axes(degrees, direction);
   PK_LAUNCH_FLAT(
-      static_cast<unsigned long>(n1), PICKORA_LAMBDA(unsigned i) {
-        cuda_2d_project_local_rect_axes(i, output, n1, n2, image, nx, ny, cx, cy, axes);
-      });
+      static_cast<unsigned long>(n1),
+      PICKORA_LAMBDA(unsigned i) { cuda_2d_project_local_rect_axes(i, output, n1, n2, image, nx, ny, cx, cy, axes); });
 }
 
 void hcuda_2d_project(float* output, const float* image, unsigned nx, unsigned ny, float cx, float cy, float degrees,
@@ -26,8 +24,8 @@ void hcuda_2d_project_square(float* output, const float* image, unsigned side, f
                               direction);
 }
 
-void hcuda_2d_project_local_rect_many(float* output, int n1, int n2, const float* angles, int count,
-                                      const float* image, unsigned nx, unsigned ny, float cx, float cy, int direction) {
+void hcuda_2d_project_local_rect_many(float* output, int n1, int n2, const float* angles, int count, const float* image,
+                                      unsigned nx, unsigned ny, float cx, float cy, int direction) {
   if (n1 <= 0 || count <= 0) return;
   PK_LAUNCH_IMAGE(
       static_cast<unsigned>(n1), static_cast<unsigned>(count), PICKORA_LAMBDA(unsigned i, unsigned k) {
@@ -64,8 +62,8 @@ void gpu_2d_project_local_rect(float* output, int n1, int n2, const float* image
   safe_cudaFree(d_image);
 }
 
-void gpu_2d_project_local_rect_many(float* output, int n1, int n2, const float* angles, int count,
-                                    const float* image, unsigned nx, unsigned ny, float cx, float cy, int direction) {
+void gpu_2d_project_local_rect_many(float* output, int n1, int n2, const float* angles, int count, const float* image,
+                                    unsigned nx, unsigned ny, float cx, float cy, int direction) {
   if (n1 <= 0 || count <= 0) return;
   const unsigned long rows = static_cast<unsigned long>(n1) * count;
   float* d_image = device_copy(image, static_cast<unsigned long>(nx) * ny);

@@ -16,5 +16,6 @@ void cpu_2d_project(float* output, const float* image, unsigned nx, unsigned ny,
 
 void cpu_2d_project_square(float* output, const float* image, unsigned side, float degrees) {
   const float c = pk_grid_centre(side);
-  cpu_2d_project_local_rect(output, static_cast<int>(side), static_cast<int>(side), image, side, side, c, c, degrees, 1);
+  cpu_2d_project_local_rect(output, static_cast<int>(side), static_cast<int>(side), image, side, side, c, c, degrees,
+                            1);
 }
