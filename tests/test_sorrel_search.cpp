@@ -8,6 +8,7 @@
 #include "ctf/sorrel.h"
 #include "ctf/sorrel_epa.h"
 #include "ctf_core/ctf_core.h"
+#include "cuda_fft/cuda_fft.h"
 #include "cuda_general/cuda_general.h"
 #include "math_utils/host_stats.h"
 #include "process2d_core/spectrum_2dh.h"
@@ -216,6 +217,34 @@ TEST(SorrelEpa, FitsRecoverWhatMadeThePoints) {
   ASSERT_EQ(smp_gauss_solve(2, m, sol, rhs), 0);  // needs the row exchange
   EXPECT_DOUBLE_EQ(sol[0], 3.0);
   EXPECT_DOUBLE_EQ(sol[1], 2.0);
+}
+
+}  // namespace
+
+namespace {
+
+// The output image is the full spectrum of the model on the left and of the data on the right,
+// each as the FFT layer unfolds a half spectrum, with the element right of the centre cleared.
+TEST(SorrelFilesCtfImage, ModelLeftDataRightAsTheFullSpectrum) {
+  const int box = 16, nh = box / 2 + 1, h = box / 2;
+  std::vector<float> sim(nh * box), data(nh * box), out(box * box), full_sim(box * box), full_data(box * box);
+  for (int i = 0; i < nh * box; ++i) sim[i] = 1000.0f + i, data[i] = static_cast<float>(i);
+  cpu_2dh_ctf_sim_raw_combine(out.data(), sim.data(), data.data(), box);
+  float *d_half = nullptr, *d_full = nullptr;
+  safe_cudaMalloc(&d_half, nh * box * sizeof(float));
+  safe_cudaMalloc(&d_full, box * box * sizeof(float));
+  for (auto* pair : {&sim, &data}) {
+    PK_CUDA_CHECK(memcpy_H2D(d_half, pair->data(), nh * box * sizeof(float)));
+    hcuda_2d_fftA_half2full(d_full, d_half, box, box);
+    PK_CUDA_CHECK(memcpy_D2H(pair == &sim ? full_sim.data() : full_data.data(), d_full, box * box * sizeof(float)));
+  }
+  safe_cudaFree(d_half);
+  safe_cudaFree(d_full);
+  for (int r = 0; r < box; ++r)
+    for (int c = 0; c < box; ++c) {
+      const float expected = (r == box / 2 && c == h) ? 0.0f : c < h - 1 ? full_sim[r * box + c] : full_data[r * box + c];
+      EXPECT_EQ(out[r * box + c], expected) << r << " " << c;
+    }
 }
 
 }  // namespace
