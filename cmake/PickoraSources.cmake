@@ -60,6 +60,9 @@ if(PICKORA_MAIN_SOURCES)
   pickora_add_executable(pickora ${PICKORA_MAIN_SOURCES})
 endif()
 
+# The CTF determination command (the picker's command line doesn't reach the CTF toolkit).
+pickora_add_executable(sorrel ${PROJECT_SOURCE_DIR}/applications/sorrel/main.cpp)
+
 # The image toolkit's command: its file operations, one subcommand each. The tests run it too.
 file(GLOB PICKORA_IMAGE_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/applications/pickora-image/*.cpp)
 if(PICKORA_IMAGE_SOURCES)
