@@ -204,7 +204,7 @@ TEST(BoxFilter, ExcludedBoxesClearCandidatesOnAllSides) {
   EXPECT_TRUE(kept_one(dir, 140, 140, 0.5f, missing));
 }
 
-TEST(BoxFilterDeathTest, DamagedOrUnopenableFilesAreFatalAndEarlierOutputKept) {
+TEST(BoxFilterRefusal, DamagedOrUnopenableFilesAreFatalAndEarlierOutputKept) {
   TempDir dir;
   const std::string in = dir.file("mic_nonunique.box"), out = dir.file("mic.box");
   const std::string good = candidates({{140, 140, 0.5f, 0, 0.0f}});

@@ -524,8 +524,7 @@ TEST(FftWeights, RealImageRampMatchesTheChain) {
   free_all({d_in, d_out, d_spec});
 }
 
-TEST(FftDeathTest, OddRampSizeAndUnknownAverageTypeStop) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
+TEST(FftRefusal, OddRampSizeAndUnknownAverageTypeStop) {
   float* d = device_zeros<float>(8 * 8 * 2);
   EXPECT_EXIT_REPORT(
       hcuda_r2d_rweight(d, d, 7, 8, 0.3f, 0.1f),

@@ -17,7 +17,8 @@
 
 namespace {
 
-const std::string kSamples = std::string(PICKORA_TESTDATA_DIR) + "/relion/";
+// The sample tables written by another package are the STAR fuzzer's seeds too: one copy.
+const std::string kSamples = std::string(PICKORA_SOURCE_DIR) + "/tests/fuzz/corpus/star/";
 using Rows = std::vector<std::vector<std::string>>;
 
 struct FreeDeleter {

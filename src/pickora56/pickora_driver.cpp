@@ -649,7 +649,25 @@ int pickora_main(int argc, char** argv) {
     pickora_help_full(argv[0]);
     return 0;
   }
-  PickoraRun* run = new PickoraRun{};  // large: the name buffers and two heads
+  // Large (the name buffers and two heads), and released however the run ends: a fatal report
+  // unwinds through here to `main`.
+  struct OwnedRun {
+    PickoraRun* run = new PickoraRun{};
+    bool released = false;
+    void release() {
+      released = true;
+      release_buffers(*run);
+    }
+    ~OwnedRun() {
+      if (!released) try {
+          release();
+        } catch (const pickora::FatalError&) {  // already ending on a report: keep the first
+        }
+      pickora_free_parameters(&run->para);
+      delete run;
+    }
+  } owned;
+  PickoraRun* run = owned.run;
   run->t_run = t_run;
   run->argc = argc;
   run->argv = argv;
@@ -660,9 +678,7 @@ int pickora_main(int argc, char** argv) {
   run_steps("preparation", kPreparation, count_of(kPreparation), *run);
   for (int mic = 0; mic < run->para.nfiles; ++mic) process_micrograph(*run, mic);
 
-  release_buffers(*run);
+  owned.release();
   print_closing(*run);
-  pickora_free_parameters(&run->para);
-  delete run;
   return 0;
 }
