@@ -237,6 +237,46 @@ TEST(MrcNames, Suffixes) {
   EXPECT_EQ(std::strlen(out), 1023u);  // bounded, terminated
 }
 
+// The path readers that check the sizes first: the data when they match, -1 and nothing read
+// otherwise. A 3 x 2 x 2 file, so that every swap of two sizes shows.
+TEST(MrcRead, CheckedReadersAndDimensionKeywords) {
+  TempDir dir;
+  const std::string path = dir.file("c.mrc");
+  const std::vector<float> data = ramp(12);
+  mrcf_write_xyz_data(path.c_str(), data.data(), 3, 2, 2);
+  const struct {
+    const char* what;
+    int (*read)(const char*, float*);
+    bool reads;
+  } cases[] = {
+      {"xy", [](const char* p, float* d) { return mrcf_read_data_check_xy(p, d, 3, 2); }, true},
+      {"yx", [](const char* p, float* d) { return mrcf_read_data_check_xy(p, d, 2, 3); }, false},
+      {"xyz", [](const char* p, float* d) { return mrcf_read_data_check_xyz(p, d, 3, 2, 2); }, true},
+      {"xyz, nz 1", [](const char* p, float* d) { return mrcf_read_data_check_xyz(p, d, 3, 2, 1); }, false},
+      {"xyz, nz -1", [](const char* p, float* d) { return mrcf_read_data_check_xyz(p, d, 3, 2, -1); }, false},
+      {"nocheck", [](const char* p, float* d) { MRC_HEAD h; return mrcf_read_head_data_nocheck(p, &h, d); }, true},
+      {"slice, cid", [](const char* p, float* d) { return mrcf_read_slice_check_xy_cid(p, 1, 'z', d, 3, 2, 1000); },
+       true},
+      {"slice, other cid", [](const char* p, float* d) { return mrcf_read_slice_check_xy_cid(p, 1, 'z', d, 3, 2, 7); },
+       false},
+      {"slice, ny for nx", [](const char* p, float* d) { return mrcf_read_slice_check_xy_cid(p, 1, 'z', d, 2, 2, 1000); },
+       false},
+  };
+  for (const auto& c : cases) {
+    std::vector<float> got(12, -9.0f);
+    EXPECT_EQ(c.read(path.c_str(), got.data()), c.reads ? 0 : -1) << c.what;
+    const bool slice = std::string(c.what).rfind("slice", 0) == 0;
+    std::vector<float> want(12, -9.0f);
+    if (c.reads) std::copy(data.begin() + (slice ? 6 : 0), slice ? data.begin() + 12 : data.end(), want.begin());
+    EXPECT_EQ(got, want) << c.what;
+  }
+  const std::pair<const char*, int64_t> sizes[] = {{"x", 3},  {"Y", 2},  {"z", 2},  {"xy", 6},  {"yx", 6},  {"xz", 6},
+                                                   {"zx", 6}, {"yz", 4}, {"zy", 4}, {"xyz", 12}, {"w", -1}};
+  testing::internal::CaptureStdout();
+  for (const auto& [word, size] : sizes) EXPECT_EQ(mrcf_get_dim_size(path.c_str(), word), size) << word;
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("unrecognized dimension keywords w !"), std::string::npos);
+}
+
 TEST(MrcHead, SizeQueriesAndComparison) {
   MRC_HEAD a, b;
   mrc_init_head(&a);
@@ -245,6 +285,7 @@ TEST(MrcHead, SizeQueriesAndComparison) {
   EXPECT_EQ(is_mrc_square(&a), 0);
   mrc_set_head_xyz(&a, 8, 8, 8);
   EXPECT_EQ(mrc_check_even_size(&a), 0);
+  EXPECT_EQ(is_mrc_square(&a), 1);
   EXPECT_EQ(is_mrc_cube(&a), 1);
   b = a;
   EXPECT_EQ(check_mrc_head_sizes_two("a.mrc", "b.mrc", &a, &b), 0);
