@@ -149,35 +149,36 @@ const std::string kStars(99, '*');
 // ---------------------------------------------------------------------------------------------
 // Parser and derived values, through the library.
 
-TEST(DerivedValues, DefaultsGiveTheWorkedNumbersAndWarnings) {
-  Parsed p({"mic.mrc"});
-  EXPECT_EQ(count_of(p.out, "Waring: "), 4);  // one per missing basic option
-  EXPECT_TRUE(has(p.out, "using GPU 0 ...\n"));
-  EXPECT_EQ(p.para.min_dist, 320.0f);
-  EXPECT_EQ(p.para.boxsize, 396);
-  EXPECT_EQ(p.para.lsigma_D, 300.0f);
-  EXPECT_EQ(p.para.lave_D, 320.0f);
-  EXPECT_NEAR(p.para.T_radius, 48.507f, 5e-4f);
-  EXPECT_NEAR(p.para.min_dist_px, 59.70f, 5e-3f);
-  EXPECT_NEAR(p.para.lsigma_radius, 27.985f, 5e-4f);
-  EXPECT_NEAR(p.para.lave_radius, 29.851f, 5e-4f);
-  EXPECT_EQ(p.para.auto_T, 1);
-  EXPECT_EQ(p.para.apixT, p.para.apixM);
-}
-
+// The values derived from the pixel size and the diameter when not given. The radii come from
+// diameters and use twice the pixel size (times the shrink of speed 2, 4), min_dist_px the pixel
+// size itself; the box is rounded toward zero, then down to even.
 TEST(DerivedValues, PixelSizeAndDiameterDriveTheDefaults) {
-  Parsed p({"--apixM", "2", "--diameter", "100", "mic.mrc"});
-  EXPECT_EQ(p.para.min_dist, 80.0f);
-  EXPECT_EQ(p.para.boxsize, 66);  // 66.5 truncated, already even
-  EXPECT_EQ(p.para.lsigma_D, 150.0f);
-  EXPECT_EQ(p.para.lave_D, 230.0f);
-  EXPECT_EQ(p.para.apixT, 2.0f);
-  // Radii from diameters use twice the pixel size, min_dist_px the pixel size itself.
-  EXPECT_FLOAT_EQ(p.para.T_radius, 130.0f / 16.0f);
-  EXPECT_FLOAT_EQ(p.para.min_dist_px, 80.0f / 8.0f);
-  // The box is rounded toward zero, then down to even: 399 gives 398, 44.33 gives 44.
-  EXPECT_EQ(Parsed({"--apixM", "1", "--diameter", "300", "m.mrc"}).para.boxsize, 398);
-  EXPECT_EQ(Parsed({"--apixM", "3", "--diameter", "100", "m.mrc"}).para.boxsize, 44);
+  const struct {
+    std::vector<std::string> words;
+    float min_dist;
+    int boxsize;
+    float lsigma_D, lave_D, T_radius, min_dist_px;
+  } cases[] = {
+      {{"mic.mrc"}, 320.0f, 396, 300.0f, 320.0f, 520.0f / 10.72f, 320.0f / 5.36f},
+      {{"--apixM", "2", "--diameter", "100", "mic.mrc"}, 80.0f, 66, 150.0f, 230.0f, 130.0f / 16.0f, 80.0f / 8.0f},
+      {{"--apixM", "1", "--diameter", "300", "m.mrc"}, 240.0f, 398, 250.0f, 290.0f, 390.0f / 8.0f, 240.0f / 4.0f},
+      {{"--apixM", "3", "--diameter", "100", "m.mrc"}, 80.0f, 44, 150.0f, 230.0f, 130.0f / 24.0f, 80.0f / 12.0f},
+  };
+  for (const auto& c : cases) {
+    Parsed p(c.words);
+    SCOPED_TRACE(c.words[0]);
+    EXPECT_EQ(p.para.min_dist, c.min_dist);
+    EXPECT_EQ(p.para.boxsize, c.boxsize);
+    EXPECT_EQ(p.para.lsigma_D, c.lsigma_D);
+    EXPECT_EQ(p.para.lave_D, c.lave_D);
+    EXPECT_FLOAT_EQ(p.para.T_radius, c.T_radius);
+    EXPECT_FLOAT_EQ(p.para.min_dist_px, c.min_dist_px);
+    EXPECT_EQ(p.para.apixT, p.para.apixM);
+    EXPECT_EQ(p.para.auto_T, 1);
+    // One warning per basic option not given.
+    EXPECT_EQ(count_of(p.out, "Waring: "), c.words.size() == 1 ? 4 : 2);
+    EXPECT_TRUE(has(p.out, "using GPU 0 ...\n"));
+  }
 }
 
 TEST(DerivedValues, ExplicitValuesAreUsedUnchangedInAnyOrder) {
