@@ -287,6 +287,14 @@ TEST(ParameterBlocks, AllBlockShowsDerivedAndGivenValues) {
   EXPECT_TRUE(has(text, "All 2 files to be used:\n        a.mrc\n        b.mrc\n"));
 }
 
+TEST(ParameterBlocks, ValidOptionListHasEveryKeyword) {
+  testing::internal::CaptureStdout();
+  pickora_print_valid_options();
+  std::string expected = std::string(130, '-') + "\nAll valid options:\n";
+  for (const char* keyword : PICKORA_OPTIONS) expected += std::string("--") + keyword + "\t ";
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), expected + "\n" + std::string(128, '-') + "\n");
+}
+
 // ---------------------------------------------------------------------------------------------
 // First micrograph, sizes, names.
 
