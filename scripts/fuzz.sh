@@ -22,7 +22,7 @@ for name in "${names[@]}"; do
   work=$build/corpus/${name#fuzz_}
   mkdir -p "$work"
   log=$build/$name.log
-  if (cd "$build" && "./fuzz/$name" -max_total_time="$seconds" -detect_leaks=0 -max_len=65536 \
+  if (cd "$build" && "./fuzz/$name" -max_total_time="$seconds" -detect_leaks=1 -max_len=65536 \
         -rss_limit_mb=2048 -timeout=10 "../$work" "../$seeds" >"../$log" 2>&1); then
     echo "$name: $(grep -E '^#[0-9]+.*DONE' "$log" | tail -1 | awk '{print $1}' | tr -d '#') runs in ${seconds}s, no crash"
   else

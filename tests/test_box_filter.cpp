@@ -44,13 +44,14 @@ struct Filter {
   int box = 20;
   std::string excluded = "NULL";
   int mode = BOX_FILTER_BOX;
+  int2 origin = make_int2(0, 0);
 };
 
 // Runs box_filter over the given candidate text and returns the output file.
 std::string run_filter(const TempDir& dir, const std::string& text, const Filter& f = Filter()) {
   const std::string in = dir.file("mic_nonunique.box"), out = dir.file(f.mode == 1 ? "mic.star" : "mic.box");
   write_file_text(in, text);
-  box_filter(f.nx, f.ny, kMinDist, f.cc_cutoff, f.shrink, f.box, f.box, make_int2(0, 0), in.c_str(),
+  box_filter(f.nx, f.ny, kMinDist, f.cc_cutoff, f.shrink, f.box, f.box, f.origin, in.c_str(),
              f.excluded.c_str(), out.c_str(), f.mode);
   return read_file_text(out);
 }
@@ -103,13 +104,18 @@ TEST(BoxFilter, CoordinateChainFromWorkPixelToMicrographAndFormats) {
   const std::string row = read_file_text(cand);
   EXPECT_EQ(row, "451     251     99      99      0.500000\t3       \t12.346  \n");
 
+  // Wider than high, and cut from the micrograph at (7, 11): the centre (2000, 1200) lies inside
+  // 1024 x 400 work pixels, and would not inside 400 x 1024.
   Filter f;
-  f.nx = f.ny = 1024;
+  f.nx = 1024;
+  f.ny = 400;
   f.shrink = 4.0f;
   f.box = 396;
-  EXPECT_EQ(run_filter(dir, row, f), "1802    1002    396     396     0.500000\t3       12.346000\n");
+  f.origin = make_int2(7, 11);
+  EXPECT_EQ(run_filter(dir, row, f), "1809    1013    396     396     0.500000\t3       12.346000\n");
   f.mode = BOX_FILTER_STAR;
-  EXPECT_EQ(run_filter(dir, row, f), std::string(kStarHead) + "2000    1200    12.346000\t3       0.500000\n");
+  EXPECT_EQ(run_filter(dir, row, f), std::string(kStarHead) + "2007    1211    12.346000\t3       0.500000\n");
+  f.origin = make_int2(0, 0);
   // An empty candidate file gives a star head only; an odd box size halves by integer division.
   EXPECT_EQ(run_filter(dir, "\n  \n", f), kStarHead);
   f.mode = BOX_FILTER_BOX;
@@ -204,7 +210,7 @@ TEST(BoxFilter, ExcludedBoxesClearCandidatesOnAllSides) {
   EXPECT_TRUE(kept_one(dir, 140, 140, 0.5f, missing));
 }
 
-TEST(BoxFilterDeathTest, DamagedOrUnopenableFilesAreFatalAndEarlierOutputKept) {
+TEST(BoxFilterRefusal, DamagedOrUnopenableFilesAreFatalAndEarlierOutputKept) {
   TempDir dir;
   const std::string in = dir.file("mic_nonunique.box"), out = dir.file("mic.box");
   const std::string good = candidates({{140, 140, 0.5f, 0, 0.0f}});

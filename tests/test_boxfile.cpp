@@ -15,7 +15,8 @@
 
 namespace {
 
-const std::string kSamples = std::string(PICKORA_TESTDATA_DIR) + "/relion/";
+// The sample tables written by another package are the STAR fuzzer's seeds too: one copy.
+const std::string kSamples = std::string(PICKORA_SOURCE_DIR) + "/tests/fuzz/corpus/star/";
 using Fields = std::vector<double>;
 
 // Every field of a record, for one-line comparisons: x, y, w, h, cc, class, psi, distance

@@ -17,6 +17,7 @@
 #include "pickora56/pickora_driver.h"
 #include "pickora56/pickora_help.h"
 #include "pickora56/pickora_para.h"
+#include "support/exit_report.h"
 #include "support/temp_dir.h"
 
 namespace fs = std::filesystem;
@@ -58,9 +59,16 @@ struct Parsed {
   }
 };
 
-void parse_and_exit(std::vector<std::string> w) {
-  Parsed p(std::move(w));
-  std::exit(77);  // not reached when the parser stops the run
+// The status the parser ends the run with; -1 where the command line parses.
+int parse_status(std::vector<std::string> w) {
+  Args args(std::move(w));
+  Pickora_Para para{};
+  pickora_init_parameters(args.argc(), &para);
+  std::string printed;
+  const int status =
+      pickora_test::run_to_fatal([&] { pickora_get_parameters(args.argc(), args.argv(), &para); }, printed);
+  pickora_free_parameters(&para);
+  return status;
 }
 
 // Large enough that the default generated template (about 190 work pixels) fits the work image.
@@ -141,35 +149,36 @@ const std::string kStars(99, '*');
 // ---------------------------------------------------------------------------------------------
 // Parser and derived values, through the library.
 
-TEST(DerivedValues, DefaultsGiveTheWorkedNumbersAndWarnings) {
-  Parsed p({"mic.mrc"});
-  EXPECT_EQ(count_of(p.out, "Waring: "), 4);  // one per missing basic option
-  EXPECT_TRUE(has(p.out, "using GPU 0 ...\n"));
-  EXPECT_EQ(p.para.min_dist, 320.0f);
-  EXPECT_EQ(p.para.boxsize, 396);
-  EXPECT_EQ(p.para.lsigma_D, 300.0f);
-  EXPECT_EQ(p.para.lave_D, 320.0f);
-  EXPECT_NEAR(p.para.T_radius, 48.507f, 5e-4f);
-  EXPECT_NEAR(p.para.min_dist_px, 59.70f, 5e-3f);
-  EXPECT_NEAR(p.para.lsigma_radius, 27.985f, 5e-4f);
-  EXPECT_NEAR(p.para.lave_radius, 29.851f, 5e-4f);
-  EXPECT_EQ(p.para.auto_T, 1);
-  EXPECT_EQ(p.para.apixT, p.para.apixM);
-}
-
+// The values derived from the pixel size and the diameter when not given. The radii come from
+// diameters and use twice the pixel size (times the shrink of speed 2, 4), min_dist_px the pixel
+// size itself; the box is rounded toward zero, then down to even.
 TEST(DerivedValues, PixelSizeAndDiameterDriveTheDefaults) {
-  Parsed p({"--apixM", "2", "--diameter", "100", "mic.mrc"});
-  EXPECT_EQ(p.para.min_dist, 80.0f);
-  EXPECT_EQ(p.para.boxsize, 66);  // 66.5 truncated, already even
-  EXPECT_EQ(p.para.lsigma_D, 150.0f);
-  EXPECT_EQ(p.para.lave_D, 230.0f);
-  EXPECT_EQ(p.para.apixT, 2.0f);
-  // Radii from diameters use twice the pixel size, min_dist_px the pixel size itself.
-  EXPECT_FLOAT_EQ(p.para.T_radius, 130.0f / 16.0f);
-  EXPECT_FLOAT_EQ(p.para.min_dist_px, 80.0f / 8.0f);
-  // The box is rounded toward zero, then down to even: 399 gives 398, 44.33 gives 44.
-  EXPECT_EQ(Parsed({"--apixM", "1", "--diameter", "300", "m.mrc"}).para.boxsize, 398);
-  EXPECT_EQ(Parsed({"--apixM", "3", "--diameter", "100", "m.mrc"}).para.boxsize, 44);
+  const struct {
+    std::vector<std::string> words;
+    float min_dist;
+    int boxsize;
+    float lsigma_D, lave_D, T_radius, min_dist_px;
+  } cases[] = {
+      {{"mic.mrc"}, 320.0f, 396, 300.0f, 320.0f, 520.0f / 10.72f, 320.0f / 5.36f},
+      {{"--apixM", "2", "--diameter", "100", "mic.mrc"}, 80.0f, 66, 150.0f, 230.0f, 130.0f / 16.0f, 80.0f / 8.0f},
+      {{"--apixM", "1", "--diameter", "300", "m.mrc"}, 240.0f, 398, 250.0f, 290.0f, 390.0f / 8.0f, 240.0f / 4.0f},
+      {{"--apixM", "3", "--diameter", "100", "m.mrc"}, 80.0f, 44, 150.0f, 230.0f, 130.0f / 24.0f, 80.0f / 12.0f},
+  };
+  for (const auto& c : cases) {
+    Parsed p(c.words);
+    SCOPED_TRACE(c.words[0]);
+    EXPECT_EQ(p.para.min_dist, c.min_dist);
+    EXPECT_EQ(p.para.boxsize, c.boxsize);
+    EXPECT_EQ(p.para.lsigma_D, c.lsigma_D);
+    EXPECT_EQ(p.para.lave_D, c.lave_D);
+    EXPECT_FLOAT_EQ(p.para.T_radius, c.T_radius);
+    EXPECT_FLOAT_EQ(p.para.min_dist_px, c.min_dist_px);
+    EXPECT_EQ(p.para.apixT, p.para.apixM);
+    EXPECT_EQ(p.para.auto_T, 1);
+    // One warning per basic option not given.
+    EXPECT_EQ(count_of(p.out, "Waring: "), c.words.size() == 1 ? 4 : 2);
+    EXPECT_TRUE(has(p.out, "using GPU 0 ...\n"));
+  }
 }
 
 TEST(DerivedValues, ExplicitValuesAreUsedUnchangedInAnyOrder) {
@@ -228,7 +237,7 @@ TEST(Parser, SpeedTable) {
     EXPECT_EQ(shrink, expected[speed]) << speed;
   }
   int bad[] = {5, -1}, shrink = 0;
-  for (int& s : bad) EXPECT_EXIT(pickora_speed2shrink(s, shrink), testing::ExitedWithCode(1), "") << s;
+  for (int& s : bad) EXPECT_EXIT_REPORT(pickora_speed2shrink(s, shrink), "speed level must belong");
 }
 
 TEST(Parser, NoWarningsWhenTheBasicOptionsAreGiven) {
@@ -241,10 +250,10 @@ TEST(Parser, BadCommandLinesEndTheRunWithTheirStatus) {
   const std::pair<std::vector<std::string>, int> cases[] = {
       {{"a.mrc", "--diameter"}, 1},     {{"a.mrc", "--ang_step", "0"}, 1}, {{"a.mrc", "--ang_step", "-5"}, 1},
       {{"--diameter", "300"}, 1},       {{"a.mrc", "--nonsense"}, 0},      {{"a.mrc", "-5"}, 0},
-      {{"a.mrc", "--ang_step", "1"}, 77}};
+      {{"a.mrc", "--ang_step", "1"}, -1}};
   for (const auto& [words, status] : cases) {
     SCOPED_TRACE(words.back());
-    EXPECT_EXIT(parse_and_exit(words), testing::ExitedWithCode(status), "");
+    EXPECT_EQ(parse_status(words), status);
   }
 }
 
@@ -337,11 +346,11 @@ TEST(RunSizes, WorkImageGridAndTemplateFit) {
   EXPECT_EQ(s.grid_cells, 625);
   para.min_dist = 56.0f;
   para.apixM = 1.0f;
-  EXPECT_EXIT(pickora_set_grid_sizes(&para, &s), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT_REPORT(pickora_set_grid_sizes(&para, &s), "");
 
   EXPECT_EQ(pickora_check_template_fits(64, 64, 64), 0);
-  EXPECT_EXIT(pickora_check_template_fits(65, 10, 64), testing::ExitedWithCode(1), "");
-  EXPECT_EXIT(pickora_check_template_fits(10, 65, 64), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT_REPORT(pickora_check_template_fits(65, 10, 64), "");
+  EXPECT_EXIT_REPORT(pickora_check_template_fits(10, 65, 64), "");
 }
 
 TEST(OutputNames, CandidateNameAndDoneTest) {
@@ -365,7 +374,7 @@ TEST(Tips, IndexInRangeListFormAndHelpExit) {
   for (int k = 0; k + 1 < PICKORA_NTIPS; ++k)
     EXPECT_EQ(std::string(PICKORA_ALL_TIPS[k]).rfind("\033[1m Tips\033[m: ", 0), 0u) << k;
   char name[] = "pickora";
-  EXPECT_EXIT((testing::internal::CaptureStdout(), pickora_help_exit(name, "why")), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT_REPORT(pickora_help_exit(name, "why"), "Basic options:");
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -9,6 +9,7 @@
 
 #include "cuda_general/cuda_general.h"
 #include "cuda_general/report.h"
+#include "support/exit_report.h"
 
 namespace {
 
@@ -19,9 +20,8 @@ TEST(DeviceChoice, ExistingDeviceIsSelected) {
 }
 
 TEST(DeviceChoice, MissingDeviceIsFatal) {
-  EXPECT_EXIT(check_and_set_gid(97), testing::ExitedWithCode(1),
-              "");  // message goes to stdout; the status is what a pipeline sees
-  EXPECT_EXIT(check_gid(97), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT_REPORT(check_and_set_gid(97), "");  // message goes to stdout; the status is what a pipeline sees
+  EXPECT_EXIT_REPORT(check_gid(97), "");
 }
 
 TEST(DeviceChoice, AutoFallsBackToBestDevice) {
@@ -152,11 +152,13 @@ TEST(Reports, FormsAndExitStatus) {
   report_strong_attention("g", "src/mrcfile/y.cpp", 7, "look");
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "\033[41m\033[1m\033[5mWarning in function g(), file src/mrcfile on line 7: look\033[m\n\n");
-  EXPECT_EXIT(report_fatal("h", "src/txt_file/z.cpp", 3, "Cannot read %s", "a.mrc"), testing::ExitedWithCode(1), "");
-  EXPECT_EXIT(report_cufft_check(static_cast<cufftResult>(16), "src/cuda_fft/f.cu", 9), testing::ExitedWithCode(1),
-              "Error Unknown error at line 9 in file src/cuda_fft\n");
-  EXPECT_EXIT(report_device_check(cudaErrorMemoryAllocation, "src/cuda_fft/f.cu", 9), testing::ExitedWithCode(1),
-              "Error .* at line 9 in file src/cuda_fft\n");
+  EXPECT_EXIT_REPORT(report_fatal("h", "src/txt_file/z.cpp", 3, "Cannot read %s", "a.mrc"),
+                     "^\033\\[41mError in function h\\(\\), file src/txt_file on line 3: Cannot read a\\.mrc! Exit "
+                     "now!\033\\[m\n$");
+  EXPECT_EXIT_REPORT(report_cufft_check(static_cast<cufftResult>(16), "src/cuda_fft/f.cu", 9),
+                     "^Error Unknown error at line 9 in file src/cuda_fft\n$");
+  EXPECT_EXIT_REPORT(report_device_check(cudaErrorMemoryAllocation, "src/cuda_fft/f.cu", 9),
+                     "^Error .* at line 9 in file src/cuda_fft\n$");
 }
 
 }  // namespace

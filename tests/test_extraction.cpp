@@ -106,7 +106,7 @@ TEST(Extraction, MovieGivesAllFramesOfOneBoxTogether) {
     for (int f = 0; f < 3; ++f) EXPECT_EQ(s.at(1, 1, k * 3 + f), pixel(corner[k][0] + 1, corner[k][1] + 1, f));
 }
 
-TEST(ExtractionDeathTest, UnreadableMicrographAndUnwritableStackAreFatal) {
+TEST(ExtractionRefusal, UnreadableMicrographAndUnwritableStackAreFatal) {
   TempDir dir;
   const std::string mic = write_micrograph(dir, 1);
   const std::string boxes = dir.file("mic_pickora.box");

@@ -273,14 +273,15 @@ TEST(FftProducts, MultconjFormula) {
 }
 
 TEST(FftSwaps, InPlaceSwapIsHalfRollAndItsOwnInverseForEvenSizes) {
-  for (auto [nx, ny] : {std::pair{64u, 34u}, {6u, 4u}, {70u, 66u}}) {
+  // 64 x 30 spans more tiles across than down: a launch that took x for y would miss pixels.
+  for (auto [nx, ny] : {std::pair{64u, 30u}, {6u, 4u}, {70u, 66u}}) {
     SCOPED_TRACE(nx);
     std::vector<float> img = random_image(nx * ny, 70 + nx);
     const std::vector<float> rolled = roll(img, nx, ny, static_cast<int>(nx / 2), static_cast<int>(ny / 2));
     float* d = to_device(img);
     hcuda_2d_swap_ccf_inplace(d, nx, ny);
     EXPECT_EQ(to_host(d, img.size()), rolled);
-    hcuda_2d_swap_ccf_inplace(d, nx, ny);
+    hcuda_r2d_fc_swap_inplace(d, nx, ny);  // the same swap under its other name
     EXPECT_EQ(to_host(d, img.size()), img);
     hcuda_2d_swap_norm_ccf_inplace(d, nx, ny, 4.0f);
     EXPECT_EQ(to_host(d, img.size()), mapped(rolled, [](float v) { return v / 4.0f; }));
@@ -289,18 +290,20 @@ TEST(FftSwaps, InPlaceSwapIsHalfRollAndItsOwnInverseForEvenSizes) {
 }
 
 TEST(FftSwaps, OutOfPlaceRowAndCenterSwaps) {
-  const unsigned nx = 7, ny = 5;  // odd sides: the out-of-place forms are plain mappings
+  // Odd sides: the out-of-place forms are plain mappings. Wider than one launch tile and less
+  // high than one, so that a launch taking x for y shows.
+  const unsigned nx = 71, ny = 5;
   std::vector<float> img = random_image(nx * ny, 80);
   float* d_in = to_device(img);
   float* d_out = device_zeros<float>(nx * ny);
   hcuda_2d_swap_ccf(d_out, d_in, nx, ny);
-  EXPECT_EQ(to_host(d_out, nx * ny), roll(img, nx, ny, 3, 2));
+  EXPECT_EQ(to_host(d_out, nx * ny), roll(img, nx, ny, 35, 2));
   hcuda_r2d_fc_swap(d_out, d_in, nx, ny);
-  EXPECT_EQ(to_host(d_out, nx * ny), roll(img, nx, ny, 3, 2));
+  EXPECT_EQ(to_host(d_out, nx * ny), roll(img, nx, ny, 35, 2));
   hcuda_r2dh_fc_swap(d_out, d_in, nx, ny);
   EXPECT_EQ(to_host(d_out, nx * ny), row_swap(img, nx, ny));
 
-  const unsigned ex = 9, ey = 6;  // half-width array, even rows
+  const unsigned ex = 41, ey = 6;  // half-width array, even rows
   std::vector<float> half = random_image(ex * ey, 81);
   float* d_half = to_device(half);
   hcuda_r2dh_fc_swap_inplace(d_half, ex, ey);
@@ -311,8 +314,8 @@ TEST(FftSwaps, OutOfPlaceRowAndCenterSwaps) {
   hcuda_c2dh_fc_swap_inplace(d_c, ex, ey);
   expect_allclose(to_host(d_c, c.size()), row_swap(c, ex, ey), 0.0f, "complex row swap");
 
-  // The complex center swap of an odd count: element i goes to (i + 7) % 15.
-  const unsigned cx = 5, cy = 3, n = cx * cy;
+  // The complex center swap of an odd count: element i goes to (i + 52) % 105.
+  const unsigned cx = 35, cy = 3, n = cx * cy;
   std::vector<float2> cwant(n), cwant_norm(n);
   for (unsigned i = 0; i < n; ++i) {
     cwant[(i + n / 2) % n] = c[i];
@@ -390,7 +393,7 @@ TEST(FftAmplitude, FlatKernelsWriteAtTheCenterSwappedIndex) {
 }
 
 TEST(FftAmplitude, HalfToFullAndBack) {
-  const unsigned nx = 10, ny = 8, nh = nx / 2 + 1, h = nx / 2;
+  const unsigned nx = 70, ny = 8, nh = nx / 2 + 1, h = nx / 2;  // wider than a tile, less high
   std::vector<float> half(nh * ny);
   for (size_t i = 0; i < half.size(); ++i) half[i] = static_cast<float>(i) + 0.25f;
   float* d_half = to_device(half);
@@ -524,8 +527,7 @@ TEST(FftWeights, RealImageRampMatchesTheChain) {
   free_all({d_in, d_out, d_spec});
 }
 
-TEST(FftDeathTest, OddRampSizeAndUnknownAverageTypeStop) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
+TEST(FftRefusal, OddRampSizeAndUnknownAverageTypeStop) {
   float* d = device_zeros<float>(8 * 8 * 2);
   EXPECT_EXIT_REPORT(
       hcuda_r2d_rweight(d, d, 7, 8, 0.3f, 0.1f),

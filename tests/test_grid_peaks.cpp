@@ -106,11 +106,13 @@ TEST(FindGridPeaks, FirstPixelRuleTiesNaNAndPartialCells) {
 
 TEST(FilterGridPeaks, CutoffIsStrictAndKeepsTheCellMaximum) {
   const float below = std::nextafter(0.5f, 0.0f);
-  const Maps m(60, 60, {{15, 15, 0.5f}, {35, 15, below}});
+  // Wider than high (7 x 5 cells), so that a width taken for the height shows.
+  const Maps m(70, 50, {{15, 15, 0.5f}, {35, 15, below}, {65, 45, 0.75f}});
   const Grid g = search(m, 10, 0.5f);
-  EXPECT_EQ(survivors(g), (std::set<unsigned>{m.index(15, 15)}));
-  EXPECT_EQ(g.cc[1 * 6 + 3], below);
-  EXPECT_EQ(g.psi[1 * 6 + 1], m.psi[m.index(15, 15)]);
+  EXPECT_EQ(survivors(g), (std::set<unsigned>{m.index(15, 15), m.index(65, 45)}));
+  EXPECT_EQ(g.cc[1 * 7 + 3], below);
+  EXPECT_EQ(g.psi[1 * 7 + 1], m.psi[m.index(15, 15)]);
+  EXPECT_EQ(g.psi[4 * 7 + 6], m.psi[m.index(65, 45)]);  // the last cell: every cell comes back
 }
 
 // Suppression radius with steps of 10: squared distance strictly below 200.

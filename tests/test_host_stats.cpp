@@ -15,7 +15,6 @@
 #include <limits>
 #include <string>
 #include <tuple>
-#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -648,25 +647,8 @@ TEST(HostStatsPeaks, IndicesHighestFirstWithTheEndForMissingPeaks) {
 // ---------------------------------------------------------------------------------------------
 // Templates
 
-template <typename T>
-void check_thm_one() {
-  SCOPED_TRACE(typeid(T).name());
-  const T a[] = {T(1), T(2), T(3), T(4)}, b[] = {T(4), T(3), T(2), T(1)};
-  EXPECT_EQ(thm_sum(a, 4), 10.0);
-  EXPECT_EQ(thm_mean(a, 4), 2.5);
-  EXPECT_EQ(thm_sum_sqr(a, 4), 30.0);
-  EXPECT_EQ(thm_dot(a, b, 4), 20.0);
-}
-
-template <typename... Ts>
-void check_thm_small() {
-  (check_thm_one<Ts>(), ...);
-}
-
+// Each element type at the edge of its range: a sum or product in the element type would wrap.
 TEST(HostStatsTemplates, AllElementTypesWidenBeforeArithmetic) {
-  check_thm_small<double, float, long, int, short, char, unsigned long, unsigned int, unsigned short,
-                  unsigned char>();
-
   const unsigned char uc[] = {200, 200, 255};
   EXPECT_EQ(thm_sum(uc, 3), 655.0);
   EXPECT_EQ(thm_sum_sqr(uc, 3), 40000.0 + 40000.0 + 65025.0);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -218,16 +219,17 @@ TEST(RejectedFiles, LinesRimRuleAndUnwritablePath) {
 // ---- The whole detection ---------------------------------------------------------------------
 
 TEST(IceDetect, BrightAndDarkBlobsRejectTheirCellsOnly) {
-  const int n = 256, step = 32, cols = n / step;
+  // Wider than high, so that the width taken for the height shows.
+  const int nx = 256, ny = 192, step = 32, cols = nx / step, rows = ny / step;
   std::mt19937 gen(5);
   std::normal_distribution<float> noise(0.0f, 1.0f);
-  std::vector<float> img(n * n);
+  std::vector<float> img(nx * ny);
   for (auto& v : img) v = noise(gen);
   const struct { int x, y; float value; } blobs[] = {{80, 80, 4.0f}, {176, 144, -4.0f}};
   for (const auto& b : blobs)
-    for (int y = 0; y < n; ++y)
-      for (int x = 0; x < n; ++x)
-        if ((x - b.x) * (x - b.x) + (y - b.y) * (y - b.y) <= 12 * 12) img[y * n + x] = b.value;
+    for (int y = 0; y < ny; ++y)
+      for (int x = 0; x < nx; ++x)
+        if ((x - b.x) * (x - b.x) + (y - b.y) * (y - b.y) <= 12 * 12) img[y * nx + x] = b.value;
 
   Pickora_Para para{};
   para.apixM = 1.0f;
@@ -246,15 +248,15 @@ TEST(IceDetect, BrightAndDarkBlobsRejectTheirCellsOnly) {
   TempDir dir;
   const std::string mic = dir.file("mic.mrc");
   float* d_img = to_device(img);
-  unsigned* d_grid = device_zeros<unsigned>(cols * cols);
-  EXPECT_EQ(hcuda_2d_ice_detect(d_img, n, n, int2{0, 0}, d_grid, mic.c_str(), &para), 0);
-  const std::vector<unsigned> grid = to_host(d_grid, cols * cols);
-  EXPECT_EQ(to_host(d_img, n * n), img);
+  unsigned* d_grid = device_zeros<unsigned>(cols * rows);
+  EXPECT_EQ(hcuda_2d_ice_detect(d_img, nx, ny, int2{0, 0}, d_grid, mic.c_str(), &para), 0);
+  const std::vector<unsigned> grid = to_host(d_grid, cols * rows);
+  EXPECT_EQ(to_host(d_img, nx * ny), img);
 
   // A cell is expected marked when it holds a blob's centre, clear when all of it lies farther
   // from both blobs than the blob radius plus the disc's reach.
   const int reach = 12 + 6 + 8 + 2;
-  for (int gy = 0; gy < cols; ++gy)
+  for (int gy = 0; gy < rows; ++gy)
     for (int gx = 0; gx < cols; ++gx) {
       bool holds_blob = false, far = true;
       for (const auto& b : blobs) {
@@ -267,8 +269,8 @@ TEST(IceDetect, BrightAndDarkBlobsRejectTheirCellsOnly) {
       EXPECT_TRUE(!holds_blob || word != 0) << "cell " << gx << "," << gy;
       EXPECT_TRUE(!far || word == 0) << "cell " << gx << "," << gy;
       if (word != 0) {  // the recorded pixel lies in its own cell
-        EXPECT_EQ(static_cast<int>(word % n) / step, gx);
-        EXPECT_EQ(static_cast<int>(word / n) / step, gy);
+        EXPECT_EQ(static_cast<int>(word % nx) / step, gx);
+        EXPECT_EQ(static_cast<int>(word / nx) / step, gy);
       }
     }
 
@@ -277,9 +279,22 @@ TEST(IceDetect, BrightAndDarkBlobsRejectTheirCellsOnly) {
   EXPECT_FALSE(box_text.empty());
   EXPECT_EQ(std::count(box_text.begin(), box_text.end(), '\n') + 6,
             std::count(star_text.begin(), star_text.end(), '\n'));  // the same cells; the head has 6 line ends
+  // Every listed centre is a pixel the grid recorded (shrink 1, origin 0), and the box around it
+  // is one cell wide.
+  std::istringstream star_rows(star_text), box_rows(box_text);
+  for (std::string row; std::getline(star_rows, row);) {
+    int x = 0, y = 0;
+    if (std::sscanf(row.c_str(), "%d %d", &x, &y) != 2) continue;
+    EXPECT_NE(std::find(grid.begin(), grid.end(), static_cast<unsigned>(y * nx + x)), grid.end()) << row;
+    std::string box_row;
+    ASSERT_TRUE(std::getline(box_rows, box_row));
+    int bx = 0, by = 0, w = 0;
+    ASSERT_EQ(std::sscanf(box_row.c_str(), "%d %d %d", &bx, &by, &w), 3);
+    EXPECT_EQ(std::make_tuple(bx, by, w), std::make_tuple(x - step / 2, y - step / 2, step));
+  }
   int bg_nx = 0, bg_ny = 0;
   get_mrcf_xy(bg_nx, bg_ny, dir.file("mic_bg.mrc").c_str());
-  EXPECT_EQ(std::make_pair(bg_nx, bg_ny), std::make_pair(n, n));
+  EXPECT_EQ(std::make_pair(bg_nx, bg_ny), std::make_pair(nx, ny));
   cudaFree(d_img);
   cudaFree(d_grid);
 }

@@ -312,7 +312,7 @@ TEST(Matching, KeptTemplateSpectraGiveTheSameBytes) {
   unsetenv("PICKORA_SPECTRA_MIB");
 }
 
-TEST(MatchingDeathTest, RefusesABudgetThatIsNotAWholeNumber) {
+TEST(MatchingRefusal, RefusesABudgetThatIsNotAWholeNumber) {
   for (const char* bad : {"lots", "-1", "12MB", "1e3"}) {
     setenv("PICKORA_SPECTRA_MIB", bad, 1);
     EXPECT_EXIT_REPORT(matching_spectra_budget(), "PICKORA_SPECTRA_MIB must be a whole number");
@@ -320,7 +320,7 @@ TEST(MatchingDeathTest, RefusesABudgetThatIsNotAWholeNumber) {
   unsetenv("PICKORA_SPECTRA_MIB");
 }
 
-TEST(MatchingDeathTest, RefusesWhatHasNoResult) {
+TEST(MatchingRefusal, RefusesWhatHasNoResult) {
   float* img = to_device(std::vector<float>(256, 1.0f));
   const auto match = [&](int n, int tn, float step) {
     pickora_ccmax_by_one_template(img, img, img, n, n, img, tn, tn, 1.0f, 0.0f, 359.0f, step);

@@ -149,19 +149,21 @@ TEST(MrcRead, UntrustworthyFilesStopTheRun) {
   mrcf_read_slice(truncated.c_str(), 0, 'z', v.data());  // slice 0 is complete
   EXPECT_EXIT_REPORT(mrcf_read_slice(truncated.c_str(), 1, 'z', v.data()),
                      "short\\.mrc is too short .* 4 x 4 x 2 .* 1152 bytes, but the file has 1104");
-  for (int n : {2, -1})
-    EXPECT_EXIT(mrcf_read_slice(truncated.c_str(), n, 'z', v.data()), testing::ExitedWithCode(1), "") << n;
+  for (int n : {2, -1}) {
+    SCOPED_TRACE(n);
+    EXPECT_EXIT_REPORT(mrcf_read_slice(truncated.c_str(), n, 'z', v.data()), "");
+  }
 
   const std::string zero = dir.file("zero.mrc");
   write_file_bytes(zero, mrc_bytes(0, 4, 1, 2, {}));
-  EXPECT_EXIT(mrcf_read_slice(zero.c_str(), 0, 'z', v.data()), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT_REPORT(mrcf_read_slice(zero.c_str(), 0, 'z', v.data()), "");
 
   // Sizes whose product would overflow are refused before any allocation.
   const std::string huge = dir.file("huge.mrc");
   write_file_bytes(huge, mrc_bytes(1 << 20, 1 << 20, 1, 2, float_bytes({1, 2})));
-  EXPECT_EXIT(mrcf_get_data_sliceN(huge.c_str(), 0), testing::ExitedWithCode(1), "");
-  EXPECT_EXIT(mrcf_get_data_all(huge.c_str()), testing::ExitedWithCode(1), "");
-  EXPECT_EXIT(mrcf_read_head(dir.file("missing.mrc").c_str(), nullptr), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT_REPORT(mrcf_get_data_sliceN(huge.c_str(), 0), "");
+  EXPECT_EXIT_REPORT(mrcf_get_data_all(huge.c_str()), "");
+  EXPECT_EXIT_REPORT(mrcf_read_head(dir.file("missing.mrc").c_str(), nullptr), "");
 
   // Modes whose size is unknown or unchecked.
   write_file_bytes(dir.file("c3.mrc"), mrc_bytes(1, 1, 1, 3, {1, 2, 3, 4}));
@@ -171,7 +173,7 @@ TEST(MrcRead, UntrustworthyFilesStopTheRun) {
   EXPECT_NE(testing::internal::GetCapturedStdout().find("File type unknown!!"), std::string::npos);
   EXPECT_EQ(v[0], -5.0f);
   write_file_bytes(dir.file("rgb.mrc"), mrc_bytes(1, 1, 1, 16, {1, 2, 3}));
-  EXPECT_EXIT(mrcf_read_all(dir.file("rgb.mrc").c_str(), v.data()), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT_REPORT(mrcf_read_all(dir.file("rgb.mrc").c_str(), v.data()), "");
   // A rgb stack or complex file is silently left unread by the slice reader.
   EXPECT_EQ(mrcf_read_slice(dir.file("rgb.mrc").c_str(), 0, 'z', v.data()), 0);
   EXPECT_EQ(v[0], -5.0f);
@@ -193,8 +195,7 @@ TEST(MrcRead, SubAreaAndGrids) {
   EXPECT_EQ(tiles[3 * 9 + 0], data[2 * nx + 2]);  // tile (1,1) corner at (2,2)
   EXPECT_EQ(tiles[1 * 9 + 4], data[1 * nx + 3]);  // tile (c=1,r=0), pixel (1,1)
   write_file_bytes(dir.file("s.mrc"), mrc_bytes(2, 2, 1, 1, {0, 0, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EXIT(mrcf_read_sub_area(dir.file("s.mrc").c_str(), box.data(), 0, 0, 0, 1, 1, 1), testing::ExitedWithCode(1),
-              "");
+  EXPECT_EXIT_REPORT(mrcf_read_sub_area(dir.file("s.mrc").c_str(), box.data(), 0, 0, 0, 1, 1, 1), "");
 }
 
 TEST(MrcRead, ByteAndDoubleSlices) {
@@ -236,6 +237,46 @@ TEST(MrcNames, Suffixes) {
   EXPECT_EQ(std::strlen(out), 1023u);  // bounded, terminated
 }
 
+// The path readers that check the sizes first: the data when they match, -1 and nothing read
+// otherwise. A 3 x 2 x 2 file, so that every swap of two sizes shows.
+TEST(MrcRead, CheckedReadersAndDimensionKeywords) {
+  TempDir dir;
+  const std::string path = dir.file("c.mrc");
+  const std::vector<float> data = ramp(12);
+  mrcf_write_xyz_data(path.c_str(), data.data(), 3, 2, 2);
+  const struct {
+    const char* what;
+    int (*read)(const char*, float*);
+    bool reads;
+  } cases[] = {
+      {"xy", [](const char* p, float* d) { return mrcf_read_data_check_xy(p, d, 3, 2); }, true},
+      {"yx", [](const char* p, float* d) { return mrcf_read_data_check_xy(p, d, 2, 3); }, false},
+      {"xyz", [](const char* p, float* d) { return mrcf_read_data_check_xyz(p, d, 3, 2, 2); }, true},
+      {"xyz, nz 1", [](const char* p, float* d) { return mrcf_read_data_check_xyz(p, d, 3, 2, 1); }, false},
+      {"xyz, nz -1", [](const char* p, float* d) { return mrcf_read_data_check_xyz(p, d, 3, 2, -1); }, false},
+      {"nocheck", [](const char* p, float* d) { MRC_HEAD h; return mrcf_read_head_data_nocheck(p, &h, d); }, true},
+      {"slice, cid", [](const char* p, float* d) { return mrcf_read_slice_check_xy_cid(p, 1, 'z', d, 3, 2, 1000); },
+       true},
+      {"slice, other cid", [](const char* p, float* d) { return mrcf_read_slice_check_xy_cid(p, 1, 'z', d, 3, 2, 7); },
+       false},
+      {"slice, ny for nx", [](const char* p, float* d) { return mrcf_read_slice_check_xy_cid(p, 1, 'z', d, 2, 2, 1000); },
+       false},
+  };
+  for (const auto& c : cases) {
+    std::vector<float> got(12, -9.0f);
+    EXPECT_EQ(c.read(path.c_str(), got.data()), c.reads ? 0 : -1) << c.what;
+    const bool slice = std::string(c.what).rfind("slice", 0) == 0;
+    std::vector<float> want(12, -9.0f);
+    if (c.reads) std::copy(data.begin() + (slice ? 6 : 0), slice ? data.begin() + 12 : data.end(), want.begin());
+    EXPECT_EQ(got, want) << c.what;
+  }
+  const std::pair<const char*, int64_t> sizes[] = {{"x", 3},  {"Y", 2},  {"z", 2},  {"xy", 6},  {"yx", 6},  {"xz", 6},
+                                                   {"zx", 6}, {"yz", 4}, {"zy", 4}, {"xyz", 12}, {"w", -1}};
+  testing::internal::CaptureStdout();
+  for (const auto& [word, size] : sizes) EXPECT_EQ(mrcf_get_dim_size(path.c_str(), word), size) << word;
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("unrecognized dimension keywords w !"), std::string::npos);
+}
+
 TEST(MrcHead, SizeQueriesAndComparison) {
   MRC_HEAD a, b;
   mrc_init_head(&a);
@@ -244,6 +285,7 @@ TEST(MrcHead, SizeQueriesAndComparison) {
   EXPECT_EQ(is_mrc_square(&a), 0);
   mrc_set_head_xyz(&a, 8, 8, 8);
   EXPECT_EQ(mrc_check_even_size(&a), 0);
+  EXPECT_EQ(is_mrc_square(&a), 1);
   EXPECT_EQ(is_mrc_cube(&a), 1);
   b = a;
   EXPECT_EQ(check_mrc_head_sizes_two("a.mrc", "b.mrc", &a, &b), 0);
@@ -255,7 +297,7 @@ TEST(MrcHead, SizeQueriesAndComparison) {
             "micrographs are the same sizes and format? \n       Nx      Ny      Nz      Mode             File:\n"
             "      8       8       8       Float               a.mrc\n"
             "      8       8       8       Short               b.mrc\n");
-  EXPECT_EXIT(check_mrc_head_sizes_two("a.mrc", "b.mrc", &a, &b), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT_REPORT(check_mrc_head_sizes_two("a.mrc", "b.mrc", &a, &b), "");
 }
 
 TEST(MrcWrite, RoundTripStatisticsAndExactSize) {
@@ -279,7 +321,7 @@ TEST(MrcWrite, RoundTripStatisticsAndExactSize) {
   mrcf_write_xyz_data(path.c_str(), &one, 1, 1, 1);
   mrcf_read_head(path.c_str(), &h);
   EXPECT_EQ(stats(h), (std::vector<float>{one, one, one}));
-  EXPECT_EXIT(mrcf_write_xyz_data("/nonexistent-folder/x.mrc", &one, 1, 1, 1), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT_REPORT(mrcf_write_xyz_data("/nonexistent-folder/x.mrc", &one, 1, 1, 1), "");
 }
 
 TEST(MrcWrite, HeadFieldSetters) {
@@ -319,7 +361,7 @@ TEST(MrcWrite, AppendingImages) {
     EXPECT_EQ(slice[0], more[6]);
   }
   const auto bytes = read_binary_file(path);
-  EXPECT_EXIT(mrcf_add_xyz_data(path.c_str(), more.data(), 2, 3, 1), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT_REPORT(mrcf_add_xyz_data(path.c_str(), more.data(), 2, 3, 1), "");
   EXPECT_EQ(read_binary_file(path), bytes);  // the file stays as it was
 }
 

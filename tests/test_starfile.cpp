@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "cuda_general/owned.h"
 #include "starfile/starfile.h"
 #include "support/exit_report.h"
 #include "support/temp_file.h"
@@ -17,13 +18,11 @@
 
 namespace {
 
-const std::string kSamples = std::string(PICKORA_TESTDATA_DIR) + "/relion/";
+// The sample tables written by another package are the STAR fuzzer's seeds too: one copy.
+const std::string kSamples = std::string(PICKORA_SOURCE_DIR) + "/tests/fuzz/corpus/star/";
 using Rows = std::vector<std::vector<std::string>>;
 
-struct FreeDeleter {
-  void operator()(void* p) const { std::free(p); }
-};
-using HeadPtr = std::unique_ptr<StarHead, FreeDeleter>;
+using HeadPtr = HostBlock<StarHead>;
 
 HeadPtr read_head(const std::string& path) {
   HeadPtr head(star_head_new());
@@ -72,15 +71,7 @@ std::string line_at(FILE* fp) {
   return line;
 }
 
-TEST(StarKeywords, TableContent) {
-  int rows = 0, dimensionality = 0;
-  for (; STAR_HEAD_KEYWORDS[rows][0] != '\0'; ++rows)
-    dimensionality += std::strcmp(STAR_HEAD_KEYWORDS[rows], "_rlnDataDimensionality") == 0;
-  EXPECT_EQ(rows, STAR_HEAD_KEYWORD_COUNT);
-  EXPECT_EQ(rows, 228);
-  EXPECT_EQ(dimensionality, 2);
-  EXPECT_STREQ(STAR_HEAD_KEYWORDS[0], "_rlnComment");
-  EXPECT_STREQ(STAR_HEAD_KEYWORDS[227], "_rlnSpectralIndex");
+TEST(StarKeywords, Membership) {
   for (const char* yes : {"_rlnCoordinateX", "_rlnMicrographId"}) EXPECT_EQ(is_star_head_keyword(yes), 1) << yes;
   for (const char* no : {"_rlncoordinatex", "_rlnCoordinate", "_rlnOpticsGroup", ""})
     EXPECT_EQ(is_star_head_keyword(no), 0) << no;
@@ -96,7 +87,7 @@ TEST(StarIndex, EveryLabelHasItsOwnField) {
       "_rlnOriginX", "_rlnOriginY", "_rlnAngleRot", "_rlnAngleTilt", "_rlnAnglePsi", "_rlnLogLikeliContribution",
       "_rlnNrOfSignificantSamples", "_rlnMaxValueProbDistribution", "_rlnAutopickFigureOfMerit"};
   const int field_count = sizeof(ParticleInfoIndex) / sizeof(int);
-  std::unique_ptr<ParticleInfoIndex, FreeDeleter> index(particle_info_index_new());
+  HostBlock<ParticleInfoIndex> index(particle_info_index_new());
   const int* fields = reinterpret_cast<const int*>(index.get());
   EXPECT_EQ(std::vector<int>(fields, fields + field_count), std::vector<int>(field_count, 0));
   int number = 1;
@@ -175,19 +166,6 @@ TEST(StarPointer, RowsAreCountedFromZeroAcrossBlocks) {
   EXPECT_EQ(line_at(fp), "3\n");
   EXPECT_EQ(read_rows(fp, 1).size(), 3u);
   std::fclose(fp);
-}
-
-TEST(StarPointer, HeadOnlyFileEndsAtTheEnd) {
-  for (const char* text : {"data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n",
-                           "data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2", ""}) {
-    TempFile f(text, ".star");
-    FILE* fp = std::fopen(f.path.c_str(), "r");
-    star_set_pointer(fp, 0);
-    EXPECT_EQ(std::fgetc(fp), EOF) << text;
-    EXPECT_EQ(read_rows(fp, 2).size(), 0u);
-    EXPECT_EQ(get_lineN_from_star(fp), 0);
-    std::fclose(fp);
-  }
 }
 
 TEST(StarRows, WidthRuleAndFields) {
@@ -291,20 +269,6 @@ TEST(StarWriter, HeadAndRowsReadBack) {
   EXPECT_EQ(rows[0][index.defocus_v - 1], "21161.509766");
   EXPECT_EQ(rows[0][index.magnification - 1], "10000.000000");
   EXPECT_EQ(rows[0][index.phase_shift - 1], "0.000000");
-}
-
-// Malformed input: each case must end, stay inside its buffers and give a sane head.
-TEST(StarMalformed, TruncatedFiles) {
-  const std::string full = "data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n10 20\n30 40\n";
-  for (size_t cut = 0; cut <= full.size(); ++cut) {
-    TempFile f(full.substr(0, cut), ".star");
-    EXPECT_LE(read_head(f.path)->column_count, 2);
-    EXPECT_LE(read_rows_of(f.path).size(), 2u);
-    EXPECT_LE(get_lineN_from_starf(f.path.c_str()), 2);
-    char** names = get_all_micrographs_from_ctfstar(f.path.c_str());
-    ASSERT_NE(names, nullptr);
-    free2d(names);
-  }
 }
 
 TEST(StarMalformed, NumberBehindHash) {

@@ -108,7 +108,7 @@ TEST(Split, MissingDestination) {
             "Error in function strsplit()!Memory for 'dest' not allocated.\n"
             "Error in function strsplit_byspace()!Memory for 'dest' not allocated.\n"
             "Error in function strnsplit()!Memory for 'dest' not allocated.\n");
-  EXPECT_EXIT(strnsplit_byspace(nullptr, "a b", 2), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT_REPORT(strnsplit_byspace(nullptr, "a b", 2), "");
 }
 
 TEST(Lines, LongLinesAreReadInPiecesOrCut) {

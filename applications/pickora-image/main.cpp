@@ -168,9 +168,7 @@ Options parse(const Subcommand& c, int argc, char** argv) {
   return o;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run_command_line(int argc, char** argv) {
   const std::vector<Subcommand> all = subcommands();
   if (argc < 2 || is_keywd_help(argv[1])) {
     print_overview(all);
@@ -187,3 +185,7 @@ int main(int argc, char** argv) {
   }
   PK_FATAL("unknown subcommand '%s' (see pickora-image --help)", argv[1]);
 }
+
+}  // namespace
+
+int main(int argc, char** argv) { return report_run_main(run_command_line, argc, argv); }

@@ -8,7 +8,26 @@
 //   strong attention   red, bold, blinking, on stdout, goes on
 #pragma once
 
+#include <stdexcept>
+
 #include "cuda_general/platform.h"
+
+namespace pickora {
+
+// What a report that ends the run throws, once its text is printed and flushed. Only `main`
+// (through report_run_main) and the library's own entry points for callers catch it, and turn
+// it into the exit status it carries: library code never ends the process itself, so a caller
+// that embeds the library, a test or a fuzzer keeps control and can release what it holds.
+class FatalError : public std::runtime_error {
+ public:
+  explicit FatalError(int status) : std::runtime_error("the run ended on a fatal report"), status_(status) {}
+  int status() const noexcept { return status_; }
+
+ private:
+  int status_;
+};
+
+}  // namespace pickora
 
 // "src/cuda_general" for ".../src/cuda_general/cuda_general.cu"; the text after the last
 // "src/", "applications/", "tests/" or "tools/" up to the next slash. Returns a pointer to a
@@ -29,10 +48,13 @@ void report_device_check(cudaError_t result, const char* file, int line);
 void report_cufft_check(cufftResult result, const char* file, int line);
 [[noreturn]] void report_device_failure(const char* text, const char* file, int line);
 
-// Every report that ends the run ends it here. A harness (the fuzzers) may install a handler
-// that is called first, with the exit status, and does not return (it throws or jumps).
+// Every report that ends the run ends it here: flushes both streams and throws
+// pickora::FatalError carrying the exit status (0 where the run asked for nothing it can do).
 [[noreturn]] void report_exit(int status);
-void report_set_exit_handler(void (*handler)(int status));
+
+// A program's `main`: runs body and returns its status, or the status of the fatal report
+// that ended it.
+int report_run_main(int (*body)(int argc, char** argv), int argc, char** argv);
 
 // The cuFFT result text; codes of 16 and above give "Unknown error".
 const char* cufft_error_text(int code);

@@ -109,5 +109,6 @@ struct PickoraRun {
 };
 
 // The whole program: help paths, parameters, preparation, the micrograph loop, closing.
-// Returns the exit status of a finished run (0); every failure ends the process itself.
+// Returns the exit status of a finished run (0); a failure throws pickora::FatalError, which
+// the caller's `main` turns into the exit status.
 int pickora_main(int argc, char** argv);

@@ -13,7 +13,7 @@ extern const char* const PICKORA_ALL_TIPS[PICKORA_NTIPS];
 void pickora_help(char* name);
 // The usage text, a rule, every entry of PICKORA_ALL_TIPS with one more line end, a rule.
 void pickora_help_full(char* name);
-// The usage text, then the end of the process with status 1. The message is for the reader
+// The usage text, then the end of the run with status 1 (pickora::FatalError). The message is for the reader
 // of the calling code and is not printed.
 [[noreturn]] void pickora_help_exit(char* name, const char* message);
 // A rule, the tip picked by the clock's seconds, a rule.

@@ -4,9 +4,9 @@
 
 #include <climits>
 #include <cstdlib>
-#include <memory>
 #include <vector>
 
+#include "cuda_general/owned.h"
 #include "cuda_general/report.h"
 #include "math_utils/host_stats.h"
 #include "mrcfile/mrcfile.h"
@@ -45,28 +45,22 @@ size_t stack_samples(const ParticleBoxes& p, int nz, const char* mrc_name) {
   return static_cast<size_t>(samples);
 }
 
-// Host buffers of the C allocator, freed on every way out, a fatal report that unwinds included.
-struct FreeDeleter {
-  void operator()(float* p) const { std::free(p); }
-};
-using HostFloats = std::unique_ptr<float[], FreeDeleter>;
-
 float* extract_stack(const char* mrc_name, const ParticleBoxes& p, int invert) {
-  HostFloats image(mrcf_get_data_all(mrc_name));
+  HostBlock<float> image(mrcf_get_data_all(mrc_name));
   MRC_HEAD head;
   mrcf_read_head(mrc_name, &head);
   const size_t samples = stack_samples(p, head.nz, mrc_name);
-  HostFloats out(static_cast<float*>(std::calloc(samples > 0 ? samples : 1, sizeof(float))));
+  HostBlock<float> owned_out(static_cast<float*>(std::calloc(samples > 0 ? samples : 1, sizeof(float))));
+  float* out = owned_out.get();
   if (out == nullptr) PK_FATAL("Not enough memory for the particle stack of %s", mrc_name);
   if (head.nz == 1)
-    cpu_2d_extract_ptcls_from_micrograph(out.get(), p.w, p.h, p.count, image.get(), head.nx, head.ny, p.boxes.data());
+    cpu_2d_extract_ptcls_from_micrograph(out, p.w, p.h, p.count, image.get(), head.nx, head.ny, p.boxes.data());
   else if (head.nz >= 2)
-    cpu_2d_extract_ptcls_from_movie(out.get(), p.w, p.h, head.nz, p.count, image.get(), head.nx, head.ny,
-                                    p.boxes.data());
+    cpu_2d_extract_ptcls_from_movie(out, p.w, p.h, head.nz, p.count, image.get(), head.nx, head.ny, p.boxes.data());
   else
     PK_FATAL("Micrograph or movie size error!");
-  if (invert != 0) hm_invert_inplace(out.get(), static_cast<unsigned long>(samples));
-  return out.release();
+  if (invert != 0) hm_invert_inplace(out, static_cast<unsigned long>(samples));
+  return owned_out.release();
 }
 
 }  // namespace
@@ -99,7 +93,7 @@ float* mrcf_get_data_ptcls(const char* mrc_name, const char* box_name, int box_s
 int mrcf_2d_extract_ptcls_from_micrograph(const char* mrc_name, const char* box_name, int box_size, int invert) {
   const ParticleBoxes p = read_particle_boxes(box_name, box_size);
   const int64_t nz = mrcf_get_dim_size(mrc_name, "z");
-  const HostFloats stack(extract_stack(mrc_name, p, invert));
+  const HostBlock<float> stack(extract_stack(mrc_name, p, invert));
   char out_name[PICKORA_NAME_LEN];
   mrcf_set_outname_by_suffix(out_name, mrc_name, "_particles.mrcs");
   mrcf_write_xyz_data(out_name, stack.get(), p.w, p.h, p.count * static_cast<int>(nz));

@@ -277,14 +277,14 @@ void SORREL_A::sorrel_write_ctfout() {
 }
 
 int SORREL_A::sorrel_run_all(int argc, char** argv) {
-  // A fatal report that ends the run by an error rather than by exiting has printed its text
-  // already: the run answers with status 1, the reader thread joined on the way out.
+  // A fatal report has printed its text already and unwinds to here: the run answers with the
+  // report's status, the reader thread joined on the way out.
   try {
     return sorrel_run(argc, argv);
-  } catch (...) {
+  } catch (const pickora::FatalError& e) {
     reader.join();
     std::fflush(stdout);
-    return 1;
+    return e.status();
   }
 }
 

@@ -90,8 +90,7 @@ void require_even(unsigned value, const char* func, const char* file, int line) 
   if (value % 2 == 0) return;
   std::printf("Error in function %s(), file %s on line %d: %d not an even number! Exit now!\n", func,
               report_module_path(file), line, static_cast<int>(value));
-  std::fflush(stdout);
-  std::exit(1);
+  report_exit(1);
 }
 
 }  // namespace

@@ -3,12 +3,9 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace {
-
-void (*g_exit_handler)(int) = nullptr;
 
 constexpr const char* kRoots[] = {"src/", "applications/", "tests/", "tools/", "bench/"};
 
@@ -22,13 +19,18 @@ void vprint_form(FILE* out, const char* head, const char* func, const char* file
 
 }  // namespace
 
-void report_set_exit_handler(void (*handler)(int status)) { g_exit_handler = handler; }
-
 void report_exit(int status) {
   std::fflush(stdout);
   std::fflush(stderr);
-  if (g_exit_handler != nullptr) g_exit_handler(status);
-  std::exit(status);
+  throw pickora::FatalError(status);
+}
+
+int report_run_main(int (*body)(int argc, char** argv), int argc, char** argv) {
+  try {
+    return body(argc, argv);
+  } catch (const pickora::FatalError& e) {
+    return e.status();
+  }
 }
 
 const char* report_module_path(const char* file) {

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <vector>
 
+#include "cuda_general/owned.h"
 #include "cuda_general/report.h"
 #include "mrcfile/mrcfile.h"
 
@@ -326,33 +327,34 @@ int mrc_2d_read_grids(FILE* stream, const MRC_HEAD* head, float* dst, int box, i
 }
 
 float* mrcf_get_data_all(const char* path) {
-  FILE* f = open_for_reading(path, __func__, __LINE__);
+  FileHandle file(open_for_reading(path, __func__, __LINE__));
+  FILE* f = file.get();
   MRC_HEAD head;
   mrc_read_head(f, &head);
   // Check before allocating, so a corrupt head can't ask for a huge block.
   size_check_or_die(f, &head, __func__);
   require_sane_sizes(f, &head, __func__, __LINE__);
-  float* data = static_cast<float*>(std::malloc(sizeof(float) * head.nx * head.ny * head.nz));
+  HostBlock<float> data(static_cast<float*>(std::malloc(sizeof(float) * head.nx * head.ny * head.nz)));
   if (data == nullptr) PK_FATAL("Not enough memory to read %s", path);
-  mrc_read_all(f, &head, data);
-  std::fclose(f);
-  return data;
+  mrc_read_all(f, &head, data.get());
+  return data.release();
 }
 
 float* mrcf_get_data_sliceN(const char* path, int n) {
-  FILE* f = open_for_reading(path, __func__, __LINE__);
+  FileHandle file(open_for_reading(path, __func__, __LINE__));
+  FILE* f = file.get();
   MRC_HEAD head;
   mrc_read_head(f, &head);
   require_sane_sizes(f, &head, __func__, __LINE__);
-  float* data = static_cast<float*>(std::calloc(static_cast<size_t>(head.nx) * head.ny, sizeof(float)));
+  HostBlock<float> data(static_cast<float*>(std::calloc(static_cast<size_t>(head.nx) * head.ny, sizeof(float))));
   if (data == nullptr) PK_FATAL("Not enough memory to read %s", path);
-  mrc_read_slice(f, &head, n, 'z', data);
-  std::fclose(f);
-  return data;
+  mrc_read_slice(f, &head, n, 'z', data.get());
+  return data.release();
 }
 
 int mrcf_get_zdata_all2(float** result, const char* path) {
-  FILE* f = open_for_reading(path, __func__, __LINE__);
+  FileHandle file(open_for_reading(path, __func__, __LINE__));
+  FILE* f = file.get();
   MRC_HEAD head;
   mrc_read_head(f, &head);
   size_check_or_die(f, &head, __func__);
@@ -361,7 +363,6 @@ int mrcf_get_zdata_all2(float** result, const char* path) {
                                   sizeof(float) * head.nx * head.ny * head.nz, cudaMemAttachGlobal));
   mrc_read_all(f, &head, *result);
   PK_CUDA_CHECK(cudaDeviceSynchronize());
-  std::fclose(f);
   return 0;
 }
 
@@ -372,10 +373,10 @@ float* mrcf_get_zdata_all(const char* path) {
 }
 
 int mrcf_get_head_data(const char* path, MRC_HEAD* head, float* dst) {
-  FILE* f = open_for_reading(path, __func__, __LINE__);
+  FileHandle file(open_for_reading(path, __func__, __LINE__));
+  FILE* f = file.get();
   mrc_read_head(f, head);
   int result = mrc_read_all(f, head, dst);
-  std::fclose(f);
   return result;
 }
 
@@ -389,21 +390,21 @@ namespace {
 // Fills the head, then reads all data without the size check when the sizes are the expected
 // ones (nz of -1: any); -1 without a message otherwise.
 int read_head_data_if_sizes(const char* path, MRC_HEAD* head, float* dst, int nx, int ny, int nz, const char* func) {
-  FILE* f = open_for_reading(path, func, __LINE__);
+  FileHandle file(open_for_reading(path, func, __LINE__));
+  FILE* f = file.get();
   mrc_read_head(f, head);
   int result = -1;
   if (head->nx == nx && head->ny == ny && (nz < 0 || head->nz == nz)) result = mrc_read_all_nocheck(f, head, dst);
-  std::fclose(f);
   return result;
 }
 
 }  // namespace
 
 int mrcf_read_head_data_nocheck(const char* path, MRC_HEAD* head, float* dst) {
-  FILE* f = open_for_reading(path, __func__, __LINE__);
+  FileHandle file(open_for_reading(path, __func__, __LINE__));
+  FILE* f = file.get();
   mrc_read_head(f, head);
   int result = mrc_read_all_nocheck(f, head, dst);
-  std::fclose(f);
   return result;
 }
 
@@ -426,26 +427,27 @@ int mrcf_read_data_check_xyz(const char* path, float* dst, int nx, int ny, int n
 }
 
 int mrcf_read_slice(const char* path, int n, char axis, float* dst) {
-  FILE* f = open_for_reading(path, __func__, __LINE__);
+  FileHandle file(open_for_reading(path, __func__, __LINE__));
+  FILE* f = file.get();
   MRC_HEAD head;
   mrc_read_head(f, &head);
   mrc_read_slice(f, &head, n, axis, dst);
-  std::fclose(f);
   return 0;
 }
 
 int mrcf_read_slice_check_xy_cid(const char* path, int n, char axis, float* dst, int nx, int ny, int16_t cid) {
-  FILE* f = open_for_reading(path, __func__, __LINE__);
+  FileHandle file(open_for_reading(path, __func__, __LINE__));
+  FILE* f = file.get();
   MRC_HEAD head;
   mrc_read_head(f, &head);
   int result = -1;
   if (head.nx == nx && head.ny == ny && head.cid == cid) result = mrc_read_slice(f, &head, n, axis, dst);
-  std::fclose(f);
   return result;
 }
 
 int mrcf_read_sub_area(const char* path, float* dst, int x0, int y0, int z0, int sx, int sy, int sz) {
-  FILE* f = std::fopen(path, "r");
+  FileHandle file(std::fopen(path, "r"));
+  FILE* f = file.get();
   if (f == nullptr) {
     std::printf("Cannot open file %s strike any key exit!\n", path);
     std::fflush(stdout);
@@ -454,7 +456,6 @@ int mrcf_read_sub_area(const char* path, float* dst, int x0, int y0, int z0, int
   MRC_HEAD head;
   mrc_read_head(f, &head);
   mrc_read_sub_area(f, &head, dst, x0, y0, z0, sx, sy, sz);
-  std::fclose(f);
   return 0;
 }
 

@@ -757,7 +757,10 @@ void print_closing(const PickoraRun& run) {
 }  // namespace
 
 PickoraRun::~PickoraRun() {
-  release_buffers(*this);
+  try {
+    release_buffers(*this);
+  } catch (const pickora::FatalError&) {  // already unwinding from a report: the first one stands
+  }
   pickora_free_parameters(&para);
 }
 
@@ -786,6 +789,5 @@ int pickora_main(int argc, char** argv) {
 
   release_buffers(*run);
   print_closing(*run);
-  pickora_free_parameters(&run->para);
   return 0;
 }

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "cuda_general/report.h"
+
 const char pickora_version[] = "v0.56";
 const char pickora_updated_date[] = "2017-07-30";
 
@@ -234,7 +236,7 @@ void pickora_help_full(char* name) {
 void pickora_help_exit(char* name, const char* message) {
   (void)message;  // the usage text says it all; the reason is the caller's to document
   pickora_help(name);
-  std::exit(1);
+  report_exit(1);
 }
 
 int pickora_tip_index(long seconds) {

@@ -228,8 +228,7 @@ double checked_number(const OptionSpec& option, const char* option_token, const 
               "recognize option: \033[41m\033[1m\033[5m%s!\033[m Exit now. Check your input please.\n\n",
               __func__, report_module_path(__FILE__), __LINE__, token);
   pickora_print_valid_options();
-  std::fflush(stdout);
-  std::exit(0);  // the run asked for nothing it can do: not counted as a failure
+  report_exit(0);  // the run asked for nothing it can do: not counted as a failure
 }
 
 // Stores the value token of a value option into the record.

@@ -5,7 +5,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
+#include "cuda_general/owned.h"
 #include "cuda_general/report.h"
 #include "mrcfile/mrcfile.h"
 #include "process2d_raw/meanshrink.h"
@@ -74,21 +76,20 @@ float* create_template_data(int& nx, int& ny, int& nz, float radius, float edge_
 }
 
 float* get_template_data(int& nx, int& ny, int& nz, const char* path) {
-  FILE* f = mrc_open_or_die(path, "r", __func__, __LINE__);
-  MRC_HEAD* head = mrc_new_head();
-  mrc_read_head(f, head);
+  FileHandle f(mrc_open_or_die(path, "r", __func__, __LINE__));
+  MRC_HEAD head_storage;
+  MRC_HEAD* head = &head_storage;
+  mrc_read_head(f.get(), head);
   require_stack_sizes("the template stack", path, head->nx, head->ny, head->nz);
   if (mrc_sample_bytes(head->mode) == 0)
     PK_FATAL("the template stack %s has MRC mode %d; only modes 0, 1, 2 and 6 can be read", path, head->mode);
   nx = head->nx;
   ny = head->ny;
   nz = head->nz;
-  float* data = new_stack(path, nx, ny, nz);
+  HostBlock<float> data(new_stack(path, nx, ny, nz));
   const size_t slice = static_cast<size_t>(nx) * static_cast<size_t>(ny);
-  for (int z = 0; z < nz; ++z) mrc_read_slice(f, head, z, 'z', data + z * slice);
-  mrc_delete_head(head);
-  std::fclose(f);
-  return data;
+  for (int z = 0; z < nz; ++z) mrc_read_slice(f.get(), head, z, 'z', data.get() + z * slice);
+  return data.release();
 }
 
 void destroy_template_data(float* data) { std::free(data); }
@@ -99,7 +100,7 @@ float* get_or_create_template_data(int& tnx, int& tny, int& tnz, const char* nam
   if (shrink < 1) PK_FATAL("shrink factor %d for the templates of %s; it must be 1 or more", shrink, name);
 
   int nx = 0, ny = 0, nz = 0;
-  float* data = get_template_data(nx, ny, nz, name);
+  HostBlock<float> data(get_template_data(nx, ny, nz, name));
 
   const float ratio = apix_template / apix_micrograph;
   if (!(ratio > 0.0f) || std::isinf(ratio))
@@ -108,24 +109,22 @@ float* get_or_create_template_data(int& tnx, int& tny, int& tnz, const char* nam
   if (ratio != 1.0f) {
     const long long nx1 = scaled_side(nx, ratio), ny1 = scaled_side(ny, ratio);
     require_stack_sizes("resampled by the pixel-size ratio, the template stack", name, nx1, ny1, nz);
-    float* scaled = new_stack(name, static_cast<int>(nx1), static_cast<int>(ny1), nz);
-    gpu_2ds_scale(scaled, data, nx, ny, nz, ratio);
-    destroy_template_data(data);
-    data = scaled;
+    HostBlock<float> scaled(new_stack(name, static_cast<int>(nx1), static_cast<int>(ny1), nz));
+    gpu_2ds_scale(scaled.get(), data.get(), nx, ny, nz, ratio);
+    data = std::move(scaled);
     nx = static_cast<int>(nx1);
     ny = static_cast<int>(ny1);
   }
   if (shrink != 1) {
     require_stack_sizes("shrunk by the speed factor, the template stack", name, nx / shrink, ny / shrink, nz);
-    float* shrunk = new_stack(name, nx / shrink, ny / shrink, nz);
-    cpu_2ds_meanshrink(shrunk, data, nx, ny, nz, shrink);
-    destroy_template_data(data);
-    data = shrunk;
+    HostBlock<float> shrunk(new_stack(name, nx / shrink, ny / shrink, nz));
+    cpu_2ds_meanshrink(shrunk.get(), data.get(), nx, ny, nz, shrink);
+    data = std::move(shrunk);
     nx /= shrink;
     ny /= shrink;
   }
   tnx = nx;
   tny = ny;
   tnz = nz;
-  return data;
+  return data.release();
 }

@@ -12,6 +12,8 @@
 #include <mutex>
 #include <string>
 
+#include "cuda_general/report.h"
+
 const char* const PICKORA_WHITESPACE = " \t\n\r\v\f";
 
 namespace {
@@ -124,7 +126,7 @@ int strsplit_byspace(char** dest, const char* src) {
 int strnsplit_byspace(char** dest, const char* src, int n) {
   if (dest == nullptr) {
     dest_missing("strnsplit");
-    std::exit(1);
+    report_exit(1);
   }
   if (n < 1) return 0;
   return split_copy(dest, src, PICKORA_WHITESPACE, n);

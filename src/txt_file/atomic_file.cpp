@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <set>
 
 #include "cuda_general/report.h"
 
@@ -16,31 +15,10 @@ std::string temp_name_for(const char* final_name) {
   return std::string(final_name) + ".tmp-" + std::to_string(static_cast<long>(getpid()));
 }
 
-// The temporary files alive now. A fatal report that ends the process with exit() runs no
-// destructor, so an exit hook removes what is left; when the report unwinds instead, the
-// destructors have emptied this list first. Only the one host thread writes outputs.
-std::set<std::string>& live_temp_files() {
-  static std::set<std::string>* live = new std::set<std::string>();  // outlives every destructor
-  return *live;
-}
-
-void remove_live_temp_files() {
-  for (const std::string& name : live_temp_files()) std::remove(name.c_str());
-}
-
-void track(const std::string& name) {
-  static const bool hooked = std::atexit(remove_live_temp_files) == 0;
-  (void)hooked;
-  live_temp_files().insert(name);
-}
-
-void untrack(const std::string& name) { live_temp_files().erase(name); }
-
 }  // namespace
 
 AtomicFile::AtomicFile(const char* final_name) : final_(final_name), temp_(temp_name_for(final_name)) {
   fp_ = std::fopen(temp_.c_str(), "w+");
-  if (fp_ != nullptr) track(temp_);
   if (fp_ == nullptr) {
     const int err = errno;
     std::printf("Cannot write to file %s. Permission denied or no space left!\n", final_.c_str());
@@ -54,7 +32,6 @@ void AtomicFile::discard() {
   if (fp_ != nullptr) std::fclose(fp_);
   if (!temp_.empty()) {
     std::remove(temp_.c_str());
-    untrack(temp_);
   }
   fp_ = nullptr;
   temp_.clear();
@@ -80,7 +57,6 @@ void AtomicFile::commit() {
   fp_ = nullptr;  // fclose releases the stream whatever it returns
   if (std::fclose(fp) != 0) fail("closing");
   if (std::rename(temp_.c_str(), final_.c_str()) != 0) fail("renaming the finished");
-  untrack(temp_);
   temp_.clear();
 }
 
@@ -99,14 +75,11 @@ std::string staged_name_for(const char* final_name) {
   return name.substr(0, dot) + ".tmp-" + std::to_string(static_cast<long>(getpid())) + name.substr(dot);
 }
 
-StagedName::StagedName(const char* final_name) : final_(final_name), temp_(staged_name_for(final_name)) {
-  track(temp_);
-}
+StagedName::StagedName(const char* final_name) : final_(final_name), temp_(staged_name_for(final_name)) {}
 
 StagedName::~StagedName() {
   if (temp_.empty()) return;
   std::remove(temp_.c_str());
-  untrack(temp_);
 }
 
 void StagedName::commit() {
@@ -114,11 +87,9 @@ void StagedName::commit() {
     const int err = errno;
     std::printf("Cannot write to file %s. Permission denied or no space left!\n", final_.c_str());
     std::remove(temp_.c_str());
-    untrack(temp_);
     temp_.clear();
     PK_FATAL("renaming the finished file '%s' failed (%s); nothing was left under that name.", final_.c_str(),
              std::strerror(err));
   }
-  untrack(temp_);
   temp_.clear();
 }

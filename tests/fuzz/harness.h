@@ -1,5 +1,5 @@
-// Shared pieces of the fuzz harnesses: a run-ending report becomes an exception that the
-// harness catches, and the input is handed over as a real file, as the program meets it.
+// Shared pieces of the fuzz harnesses: a run-ending report throws pickora::FatalError, which
+// the harness catches, and the input is handed over as a real file, as the program meets it.
 #pragma once
 
 #include <cstddef>
@@ -8,12 +8,10 @@
 #include <memory>
 #include <string>
 
-struct FuzzRunEnded {
-  int status;
-};
+#include "cuda_general/report.h"
 
-// Installs the exit handler once; reports that end the run then throw FuzzRunEnded.
-void fuzz_install_exit_handler();
+// Silences standard output once: the reports are the program's output, not the fuzzer's.
+void fuzz_silence_stdout();
 
 // Writes the input to a per-process scratch file with the given suffix and returns its name.
 std::string fuzz_write_input(const uint8_t* data, size_t size, const char* suffix);
@@ -25,9 +23,9 @@ inline FuzzFile fuzz_open(const std::string& path) { return FuzzFile(std::fopen(
 // Runs body, turning a run-ending report into a normal return; stdout is silenced.
 template <class F>
 void fuzz_run(F body) {
-  fuzz_install_exit_handler();
+  fuzz_silence_stdout();
   try {
     body();
-  } catch (const FuzzRunEnded&) {
+  } catch (const pickora::FatalError&) {
   }
 }

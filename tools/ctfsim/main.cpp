@@ -127,9 +127,7 @@ void seed_image(const CtfSimParams& p, int index) {
   random_source_set_seed(p.seed * 0x9e3779b97f4a7c15ULL + static_cast<uint64_t>(index) + 1);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run_tool(int argc, char** argv) {
   const CtfSimParams p = parse_command_line(argc, argv);
   std::error_code ec;
   std::filesystem::create_directories(p.out_dir, ec);
@@ -153,3 +151,7 @@ int main(int argc, char** argv) {
   write_truth_table(p.out_dir + "/" + p.prefix + "_truth.star", p, rows);
   return 0;
 }
+
+}  // namespace
+
+int main(int argc, char** argv) { return report_run_main(run_tool, argc, argv); }

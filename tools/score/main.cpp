@@ -45,7 +45,7 @@ ScoreOptions parse_command_line(int argc, char** argv) {
     const std::string a = argv[i];
     if (a == "-h" || a == "--help" || a == "-help") {
       print_usage();
-      std::exit(0);
+      report_exit(0);  // asked for the usage only: ends the run with success
     }
     if (a.rfind("--", 0) != 0) {
       o.files.push_back(a);
@@ -99,7 +99,7 @@ ScoreCounts score_one(const ScoreOptions& o, const ScoreFileSet& s) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+static int run_tool(int argc, char** argv) {
   const ScoreOptions o = parse_command_line(argc, argv);
   const std::vector<ScoreFileSet> sets = collect_file_sets(o);
   std::printf("%-32s %6s %6s %6s %6s %6s  %6s %6s %6s %7s  %6s\n", "micrograph", "truth", "picks", "tp", "fp", "fn",
@@ -119,3 +119,5 @@ int main(int argc, char** argv) {
   else std::printf(" psi_fraction=na\n");
   return 0;
 }
+
+int main(int argc, char** argv) { return report_run_main(run_tool, argc, argv); }

@@ -92,7 +92,7 @@ SimParams parse_command_line(int argc, char** argv) {
     std::string name = o;
     if (name == "-h" || name == "--help" || name == "-help") {
       print_usage();
-      std::exit(0);
+      report_exit(0);  // asked for the usage only: ends the run with success
     }
     if (name.rfind("--", 0) != 0) PK_FATAL("unexpected argument '%s' (see --help)", o);
     name = name.substr(2);
@@ -129,7 +129,7 @@ void simulate_one(const SimParams& p, int mic, const ParticleImages& images, std
 
 }  // namespace
 
-int main(int argc, char** argv) {
+static int run_tool(int argc, char** argv) {
   const SimParams p = parse_command_line(argc, argv);
   std::error_code ec;
   std::filesystem::create_directories(p.out_dir, ec);
@@ -143,3 +143,5 @@ int main(int argc, char** argv) {
   for (int mic = 0; mic < p.count; ++mic) simulate_one(p, mic, images, image);
   return 0;
 }
+
+int main(int argc, char** argv) { return report_run_main(run_tool, argc, argv); }

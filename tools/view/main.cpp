@@ -64,7 +64,7 @@ ViewOptions parse_command_line(int argc, char** argv) {
     const std::string a = argv[i];
     if (a == "-h" || a == "--help" || a == "-help") {
       print_usage();
-      std::exit(0);
+      report_exit(0);  // asked for the usage only: ends the run with success
     }
     if (a.rfind("--", 0) != 0) {
       if (!o.micrograph.empty()) PK_FATAL("one micrograph at a time: '%s' and '%s'", o.micrograph.c_str(), argv[i]);
@@ -200,7 +200,7 @@ Picture map_panel(const std::string& path, int height) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+static int run_tool(int argc, char** argv) {
   const ViewOptions o = parse_command_line(argc, argv);
   const Micrograph m = read_first_section(o.micrograph);
   const int factor = reduction_factor(m.nx, m.ny, o.max_size);
@@ -225,3 +225,5 @@ int main(int argc, char** argv) {
               drawn.c_str(), o.out.c_str(), picture.width, picture.height);
   return 0;
 }
+
+int main(int argc, char** argv) { return report_run_main(run_tool, argc, argv); }
