@@ -65,9 +65,9 @@ fi
 run=$out/run_${backend}_${size}
 rm -rf "$run" && mkdir -p "$run"
 cp "$data"/mic_*.mrc "$run"/
-(cd "$run" && /usr/bin/time -v "$sorrel" --apix 1.0 --seed 1 "${extra[@]}" mic_*.mrc >sorrel.log 2>time.log)
+(cd "$run" && /usr/bin/time -v "$sorrel" --apix 1.0 "${extra[@]}" mic_*.mrc >sorrel.log 2>time.log)
 
-echo "sorrel ($backend) on $n micrographs of $size x $size, options: --apix 1.0 --seed 1 ${extra[*]}"
+echo "sorrel ($backend) on $n micrographs of $size x $size, options: --apix 1.0 ${extra[*]}"
 printf "%-16s %10s %10s %10s %10s\n" micrograph FFT 1S2R EPA total
 awk '/Reading file:/ {name=$3}
      /TIME<<<<<</ {label=$0; sub(/^.*<<<<<< */, "", label); sub(/:.*/, "", label); t=$NF; sub(/s$/, "", t); v[label]=t}

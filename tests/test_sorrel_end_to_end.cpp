@@ -5,13 +5,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstdio>
 #include <cmath>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
+#include "ctf/sorrel.h"
 #include "ctf/sorrel_files.h"
+#include "random_utils/random_source.h"
 #include "mrcfile/mrcfile.h"
 #include "support/run_command.h"
 #include "support/temp_dir.h"
@@ -28,7 +34,31 @@ std::string in_dir(const TempDir& dir) { return "cd '" + dir.path() + "' && "; }
 // Small tiles and smoothing boxes keep the run quick on two cores; 512 pixels at 1 A still
 // sample the rings of 40000 A defocus at 5 A. Six trial angles keep strategy 1 from settling
 // on a round spectrum when its random start angle lies far from the axis.
-const char* const kFast = " --apix 1.0 --boxsize 512 --convsize 21 --convs_out 36 --defA_seeds 6 --seed 7 ";
+const char* const kFast = " --apix 1.0 --boxsize 512 --convsize 21 --convs_out 36 --defA_seeds 6 ";
+
+// Runs sorrel in this process, in the folder of the run, with the random source fixed first so
+// that the rows are repeatable; returns its status and leaves what it printed in out.
+int run_sorrel(const TempDir& dir, const std::string& args, std::string& out, uint64_t seed = 7) {
+  std::vector<std::string> words{"sorrel"};
+  std::istringstream in(args);
+  for (std::string w; in >> w;) words.push_back(w);
+  std::vector<char*> argv;
+  for (std::string& w : words) argv.push_back(&w[0]);
+  argv.push_back(nullptr);
+  char here[4096];
+  if (!getcwd(here, sizeof(here)) || chdir(dir.path().c_str()) != 0) return -1;
+  random_source_set_seed(seed);
+  testing::internal::CaptureStdout();
+  int status;
+  {
+    SORREL_A s;
+    status = s.sorrel_run_all(static_cast<int>(words.size()), argv.data());
+  }
+  std::fflush(stdout);
+  out = testing::internal::GetCapturedStdout();
+  if (chdir(here) != 0) return -1;
+  return status;
+}
 
 struct Row {
   std::string name, line;
@@ -134,7 +164,7 @@ TEST(SorrelEndToEnd, DefocusAstigmatismPhaseShiftFilesResumeAndReadAhead) {
   const std::string inputs = " sim/mic_0000.mrc sim/blank.mrc sim/mic_0001.mrc sim/mic_0002.mrc sim/broken.mrc "
                              "sim/mic_0003.mrc sim/mic_0004.mrc sim/mic_0005.mrc";
 
-  ASSERT_EQ(run_command(in_dir(dir) + bin("sorrel") + kFast + inputs, out), 0) << out;
+  ASSERT_EQ(run_sorrel(dir, kFast + inputs, out), 0) << out;
   const std::vector<Row> rows = read_rows(dir.file("micrographs_all_sorrel.star"));
   ASSERT_EQ(rows.size(), 6u) << out;
   expect_accurate(rows, read_truth(dir.file("sim/mic_truth.star"), "sim"), false, errors);
@@ -155,7 +185,7 @@ TEST(SorrelEndToEnd, DefocusAstigmatismPhaseShiftFilesResumeAndReadAhead) {
       << out;
 
   // A rerun that resumes does nothing, and says so for each finished micrograph.
-  ASSERT_EQ(run_command(in_dir(dir) + bin("sorrel") + kFast + " --do_unfinished --ctfstar again.star" + inputs, out),
+  ASSERT_EQ(run_sorrel(dir, kFast + std::string(" --do_unfinished --ctfstar again.star") + inputs, out),
             0)
       << out;
   EXPECT_EQ(out.find("Processing done successfully."), std::string::npos);
@@ -166,7 +196,7 @@ TEST(SorrelEndToEnd, DefocusAstigmatismPhaseShiftFilesResumeAndReadAhead) {
   EXPECT_TRUE(read_rows(dir.file("again.star")).empty());
 
   // Reading ahead in a second thread gives the same rows.
-  ASSERT_EQ(run_command(in_dir(dir) + bin("sorrel") + kFast + " --pre_read 1 --ctfstar ahead.star" + inputs, out), 0)
+  ASSERT_EQ(run_sorrel(dir, kFast + std::string(" --pre_read 1 --ctfstar ahead.star") + inputs, out), 0)
       << out;
   const std::vector<Row> ahead = read_rows(dir.file("ahead.star"));
   ASSERT_EQ(ahead.size(), rows.size());
@@ -179,9 +209,9 @@ TEST(SorrelEndToEnd, DefocusAstigmatismPhaseShiftFilesResumeAndReadAhead) {
                         out),
             0)
       << out;
-  ASSERT_EQ(run_command(in_dir(dir) + bin("sorrel") + kFast +
+  ASSERT_EQ(run_sorrel(dir, kFast + std::string(
                             " --phase_shift_L 20 --phase_shift_H 160 --phase_shift_S 10 --defH 45000 --ctfstar ps.star "
-                            "ps/ps_0000.mrc ps/ps_0001.mrc",
+                            "ps/ps_0000.mrc ps/ps_0001.mrc"),
                         out),
             0)
       << out;

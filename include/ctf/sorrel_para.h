@@ -71,8 +71,6 @@ struct SORREL_Para {
   int write_local_ctf, output_time, plot_res_ring, do_phase_flip;
   // Queue and control.
   int pre_read, dp_maxN_q, dp_silent, do_unfinished, reload_ctf_files, skip_check_mrc, skip_check_gpu, gid;
-  // Seed of the random draws of the searches; 0 seeds from the clock (runs differ slightly).
-  int seed;
 
   // Derived: phase-shift mode is on (rule 3 of the derived rules, off again by refine_input_ctf).
   int phase_shift_mode;

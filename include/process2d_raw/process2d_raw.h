@@ -46,6 +46,31 @@ PICKORA_HD inline void cuda_2d_convolution_by_box(unsigned x, unsigned y, const 
 
 void hcuda_2d_convolution_by_box(const float* src, float* out, unsigned nx, unsigned ny, int bx, int by);
 
+// The same box mean in two passes, O(bx + by) reads per pixel instead of bx * by: the row pass
+// writes, for each pixel, the double sum over its row window [x0, x1); the column pass adds those
+// over [y0, y1) and divides by the box area. Same box rule as above; the result differs from the
+// float loop above only by that loop's single-precision rounding.
+PICKORA_HD inline void cuda_2d_box_row_sums(unsigned x, unsigned y, const float* src, double* rows, unsigned nx,
+                                            unsigned ny, int bx) {
+  if (x >= nx || y >= ny) return;
+  const PkBox b = pk_2d_box(x, y, nx, ny, bx, 2);
+  double sum = 0.0;
+  for (int i = b.x0; i < b.x1; ++i) sum += src[y * nx + static_cast<unsigned>(i)];
+  rows[y * nx + x] = sum;
+}
+
+PICKORA_HD inline void cuda_2d_box_column_mean(unsigned x, unsigned y, const double* rows, float* out, unsigned nx,
+                                               unsigned ny, int bx, int by) {
+  if (x >= nx || y >= ny) return;
+  const PkBox b = pk_2d_box(x, y, nx, ny, bx, by);
+  double sum = 0.0;
+  for (int j = b.y0; j < b.y1; ++j) sum += rows[static_cast<unsigned>(j) * nx + x];
+  out[y * nx + x] = static_cast<float>(sum / static_cast<double>((b.x1 - b.x0) * (b.y1 - b.y0)));
+}
+
+// rows: device scratch of nx * ny doubles.
+void hcuda_2d_box_mean_separable(const float* src, float* out, double* rows, unsigned nx, unsigned ny, int bx, int by);
+
 // ---------------------------------------------------------------------------------------------
 // One box of w by h out of an nx by ny image, its corner at (x0, y0): a pixel outside
 // the image gives 0, with no mirroring, no mean fill and no refusal.

@@ -77,7 +77,7 @@ const Option kOptions[] = {
     B("output_time", &S::output_time), B("plot_res_ring", &S::plot_res_ring), B("do_phase_flip", &S::do_phase_flip),
     B("pre_read", &S::pre_read), I("dp_maxN_q", &S::dp_maxN_q), B("dp_silent", &S::dp_silent),
     B("do_unfinished", &S::do_unfinished), B("reload_ctf_files", &S::reload_ctf_files),
-    B("skip_check_mrc", &S::skip_check_mrc), B("skip_check_gpu", &S::skip_check_gpu), I("gid", &S::gid), I("seed", &S::seed),
+    B("skip_check_mrc", &S::skip_check_mrc), B("skip_check_gpu", &S::skip_check_gpu), I("gid", &S::gid),
 };
 constexpr int kCount = sizeof(kOptions) / sizeof(kOptions[0]);
 
@@ -425,7 +425,7 @@ int sorrel_init_parameters(SORREL_Para* p) {
   strlcpy(p->logsuffix, "_sorrel.log");
   p->write_local_ctf = 0, p->output_time = 0, p->plot_res_ring = 1, p->do_phase_flip = 0;
   p->pre_read = 0, p->dp_maxN_q = 5, p->dp_silent = 1, p->do_unfinished = 0, p->reload_ctf_files = 0;
-  p->skip_check_mrc = 0, p->skip_check_gpu = 0, p->gid = 0, p->seed = 0;
+  p->skip_check_mrc = 0, p->skip_check_gpu = 0, p->gid = 0;
   p->phase_shift_mode = 0;
   return 0;
 }
@@ -517,7 +517,7 @@ const Group kGroups[] = {
     {"Tilt options:\n", "refine_tilt", "init_tilt_err"},
     {"Input CTF options:\n", "refine_input_ctf", "input_ctfstar"},
     {"Output options:\n", "ctfout_resL", "do_phase_flip"},
-    {"Queue and control options:\n", "pre_read", "seed"},
+    {"Queue and control options:\n", "pre_read", "gid"},
 };
 
 // The log writes the voltage keyword in lower case, as the RELION-style block does.
@@ -625,9 +625,7 @@ const char* const kUsage[] = {
     "      --do_phase_flip                Write the phase-flipped micrograph (_pf.mrc)",
     "      --do_unfinished                Skip the micrographs whose log says they are done",
     "      --pre_read                     Read the next micrographs in a second thread (queue of 5)",
-    "      --gid            0             GPU id",
-    "      --seed           0             Seed of the random draws of the refinement; 0 seeds from the clock, so "
-    "two runs differ slightly\n",
+    "      --gid            0             GPU id\n",
 };
 
 }  // namespace

@@ -155,7 +155,6 @@ int SORREL_A::sorrel_preparation(int argc, char** argv) {
                 para.files.size());
     return 2;
   }
-  if (para.seed != 0) random_source_set_seed(static_cast<uint64_t>(para.seed));
   if (para.pre_read) queue = new SorrelDataQueue(para.dp_silent);
   sorrel_allocate_ctf_data();
   if (para.do_local_refine)

@@ -27,6 +27,13 @@ void exec_r2c(cufftHandle plan, const float* in, float2* out) {
 }
 
 // a -= b over nx x ny.
+// The spectrum background: the box mean in its separable form (row sums, then column sums).
+void box_mean(const float* src, float* out, unsigned nx, unsigned ny, int box) {
+  double* rows = device_alloc<double>(static_cast<size_t>(nx) * ny);
+  hcuda_2d_box_mean_separable(src, out, rows, nx, ny, box, box);
+  PK_CUDA_CHECK(cudaFree(rows));
+}
+
 void subtract_inplace(float* a, const float* b, unsigned nx, unsigned ny) {
   PK_LAUNCH_IMAGE(
       nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_x2d_sub_inplace(x, y, a, b, nx, ny); });
@@ -137,9 +144,7 @@ void grid_log_subbg(float* log_sum, float* subtracted, unsigned bx, unsigned by,
     hcuda_2d_fftA_half2full_c0(full, log_sum, bx, by);
   else
     hcuda_2d_fftA_half2full(full, log_sum, bx, by);
-  PK_LAUNCH_IMAGE(
-      bx, by,
-      PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_convolution_by_box(x, y, full, background, bx, by, box, box); });
+  box_mean(full, background, bx, by, box);
   subtract_inplace(full, background, bx, by);
   PK_LAUNCH_IMAGE(
       nh, by, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_fftA_full2half(x, y, subtracted, full, bx, by); });
@@ -194,7 +199,7 @@ void hcuda_2ds_fft_r2c_logmod_subbg(float* out, const float* in, unsigned nx, un
   }
   hcuda_2d_fft_destroy(plan);
   hcuda_2d_divide_inplace(average, nh, ny, static_cast<float>(n));
-  hcuda_2d_convolution_by_box(average, background, nh, ny, box, box);
+  box_mean(average, background, nh, ny, box);
   for (unsigned i = 0; i < n; ++i) subtract_inplace(out + i * plane, background, nh, ny);
   PK_CUDA_CHECK(cudaFree(spectrum));
   PK_CUDA_CHECK(cudaFree(average));
@@ -267,7 +272,7 @@ void hcuda_2dh_fftA_subbg(float* out, const float* in, unsigned nh, unsigned ny,
   float* full = device_alloc<float>(full_size);
   float* background = device_alloc<float>(full_size);
   hcuda_2d_fftA_half2full(full, in, nx, ny);
-  hcuda_2d_convolution_by_box(full, background, nx, ny, box, box);
+  box_mean(full, background, nx, ny, box);
   subtract_inplace(full, background, nx, ny);
   hcuda_2d_fftA_full2half(out, full, nx, ny);
   PK_CUDA_CHECK(cudaFree(full));

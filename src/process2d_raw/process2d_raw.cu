@@ -7,6 +7,13 @@ void hcuda_2d_convolution_by_box(const float* src, float* out, unsigned nx, unsi
       nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_convolution_by_box(x, y, src, out, nx, ny, bx, by); });
 }
 
+void hcuda_2d_box_mean_separable(const float* src, float* out, double* rows, unsigned nx, unsigned ny, int bx, int by) {
+  PK_LAUNCH_IMAGE(
+      nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_box_row_sums(x, y, src, rows, nx, ny, bx); });
+  PK_LAUNCH_IMAGE(
+      nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_box_column_mean(x, y, rows, out, nx, ny, bx, by); });
+}
+
 void hcuda_2d_extract_small_from_large(float* out, int w, int h, const float* image, int nx, int ny, int x0, int y0) {
   if (w <= 0 || h <= 0) return;
   PK_LAUNCH_IMAGE(
