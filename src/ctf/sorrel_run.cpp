@@ -159,6 +159,12 @@ int SORREL_A::sorrel_preparation(int argc, char** argv) {
   sorrel_allocate_ctf_data();
   if (para.do_local_refine)
     PK_WARNING("Local refinement (--do_local_refine) is not part of this build; the global values are written.");
+  if (para.do_validation)
+    PK_WARNING("Validation (--do_validation) is not part of this build; no VALIDATION_SCORE is written.");
+  if (para.do_mdef_refine)
+    PK_WARNING("Movie defocus refinement (--do_mdef_refine) is not part of this build; the stack is treated as one micrograph.");
+  if (para.refine_tilt)
+    PK_WARNING("Tilt refinement (--refine_tilt) is not supported; the micrograph is refined as untilted.");
   sorrel_put_parameters(&para);
   sorrel_open_sumlog();
   return 0;
