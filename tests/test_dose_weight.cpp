@@ -47,10 +47,9 @@ struct Movie {
   std::vector<float2> device_average(const GPS_PARA& p) const {
     float2 *d_frames = to_device(frames), *d_drift = to_device(drift), *d_out = device_zeros<float2>(nxh * ny);
     float *d_dose = to_device(dose), *d_ctfw = to_device(ctfw);
+    const DeviceFrees frees(d_frames, d_drift, d_out, d_dose, d_ctfw);
     hcuda_2ds_fft_dose_dft_ctf_wave(d_frames, d_out, nxh, ny, nz, 1.0f, d_dose, d_drift, d_ctfw, p);
-    auto out = to_host(d_out, nxh * ny);
-    for (void* d : {(void*)d_frames, (void*)d_drift, (void*)d_out, (void*)d_dose, (void*)d_ctfw}) cudaFree(d);
-    return out;
+    return to_host(d_out, nxh * ny);
   }
   std::vector<float2> host_average(const GPS_PARA& p) const {
     std::vector<float2> out(nxh * ny);

@@ -44,11 +44,9 @@ template <class Op>
 std::vector<float> on_device(const std::vector<float>& in, size_t out_count, Op op) {
   float* d_in = to_device(in);
   float* d_out = to_device(std::vector<float>(out_count, -99.0f));
+  const DeviceFrees frees(d_in, d_out);
   op(d_in, d_out);
-  std::vector<float> out = to_host(d_out, out_count);
-  cudaFree(d_in);
-  cudaFree(d_out);
-  return out;
+  return to_host(d_out, out_count);
 }
 
 // ---- Resampling ---------------------------------------------------------------------------------

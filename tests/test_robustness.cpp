@@ -264,10 +264,11 @@ struct Args {
 
 void parse(std::vector<std::string> words) {
   Args a(std::move(words));
-  Pickora_Para para{};
+  struct Freed : Pickora_Para {
+    ~Freed() { pickora_free_parameters(this); }
+  } para{};
   pickora_init_parameters(a.argc(), &para);
   pickora_get_parameters(a.argc(), a.argv.data(), &para);
-  pickora_free_parameters(&para);
 }
 
 TEST(OptionValuesDeathTest, EachBadValueIsRefusedNamingTheOption) {

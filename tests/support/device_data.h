@@ -19,6 +19,22 @@ T* to_device(const std::vector<T>& h) {
   return d;
 }
 
+// Frees the device blocks it was given when its scope ends, also when a fatal report unwinds
+// through the scope (the sanitizer build reports any block left behind).
+class DeviceFrees {
+ public:
+  template <class... T>
+  explicit DeviceFrees(T*... blocks) : blocks_{static_cast<void*>(blocks)...} {}
+  DeviceFrees(const DeviceFrees&) = delete;
+  DeviceFrees& operator=(const DeviceFrees&) = delete;
+  ~DeviceFrees() {
+    for (void* d : blocks_) cudaFree(d);
+  }
+
+ private:
+  std::vector<void*> blocks_;
+};
+
 template <class T>
 T* device_zeros(size_t n) {
   T* d = nullptr;
