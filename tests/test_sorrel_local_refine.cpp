@@ -61,17 +61,12 @@ int sorrel_in(const TempDir& dir, const std::string& args) {
   return s.sorrel_run(static_cast<int>(words.size()), argv.data());
 }
 
-// The same for a run that must end normally: its status and what it printed.
+// The same for a run that must end normally: its status (1000 + the status of a fatal report)
+// and what it printed.
 int sorrel_printing(const TempDir& dir, const std::string& args, std::string& printed) {
-  testing::internal::CaptureStdout();
   int status = -1;
-  try {
-    status = sorrel_in(dir, args);
-  } catch (const pickora::FatalError& e) {
-    status = 1000 + e.status();
-  }
-  printed = testing::internal::GetCapturedStdout();
-  return status;
+  const int fatal = pickora_test::run_to_fatal([&] { status = sorrel_in(dir, args); }, printed);
+  return fatal == -1 ? status : 1000 + fatal;
 }
 
 void simulate(const TempDir& dir, const std::string& args) {
@@ -79,27 +74,6 @@ void simulate(const TempDir& dir, const std::string& args) {
   ASSERT_EQ(run_command("cd '" + dir.path() + "' && " + bin("pickora-ctfsim") + " --out sim --apix 1.0 " + args, out),
             0)
       << out;
-}
-
-// Least squares of d = d0 + gx (x - c) + gy (y - c) by the normal equations, in double.
-void fit_plane(const std::vector<double>& x, const std::vector<double>& y, const std::vector<double>& d, double c,
-               double& gx, double& gy) {
-  double s[3][4] = {};
-  for (size_t i = 0; i < d.size(); ++i) {
-    const double r[3] = {1.0, x[i] - c, y[i] - c};
-    for (int a = 0; a < 3; ++a) {
-      for (int b = 0; b < 3; ++b) s[a][b] += r[a] * r[b];
-      s[a][3] += r[a] * d[i];
-    }
-  }
-  for (int p = 0; p < 3; ++p)  // Gauss-Jordan; the design is well conditioned
-    for (int a = 0; a < 3; ++a) {
-      if (a == p) continue;
-      const double f = s[a][p] / s[p][p];
-      for (int b = 0; b < 4; ++b) s[a][b] -= f * s[p][b];
-    }
-  gx = s[1][3] / s[1][1];
-  gy = s[2][3] / s[2][2];
 }
 
 const char* const kFast = " --apix 1.0 --boxsize 512 --convsize 21 --convs_out 36 --defA_seeds 6 ";
@@ -113,8 +87,6 @@ TEST(SorrelLocalRefine, GridFollowsTheDefocusGradientAndKeepsTheAstigmatism) {
   const std::vector<std::string> truth = star_rows(dir.file("sim/mic_truth.star"), "sim/").at(0);
   const double d0 = (std::stod(truth[1]) + std::stod(truth[2])) / 2.0;
   const double tgx = std::stod(truth[10]), tgy = std::stod(truth[11]);
-  ASSERT_EQ(tgx, 2.0);
-  ASSERT_EQ(tgy, -1.0);
 
   std::string printed;
   ASSERT_EQ(sorrel_printing(dir,
@@ -136,7 +108,9 @@ TEST(SorrelLocalRefine, GridFollowsTheDefocusGradientAndKeepsTheAstigmatism) {
   ASSERT_EQ(grid.size(), axis.size() * axis.size());
   ASSERT_EQ(rows.size(), grid.size()) << printed;
 
-  std::vector<double> xs, ys, ds;
+  // The grid is symmetric about the centre, so the least-squares plane's slopes are independent
+  // sums: g = sum((x - 512) d) / sum((x - 512)^2), likewise in y.
+  double sxd = 0.0, sxx = 0.0, syd = 0.0, syy = 0.0;
   for (size_t i = 0; i < rows.size(); ++i) {
     const std::vector<std::string>& r = rows[i];
     SCOPED_TRACE(i);
@@ -145,18 +119,16 @@ TEST(SorrelLocalRefine, GridFollowsTheDefocusGradientAndKeepsTheAstigmatism) {
     EXPECT_EQ(x, axis[i % axis.size()]);
     EXPECT_EQ(y, axis[i / axis.size()]);
     EXPECT_EQ(std::stod(grid[i][0]), x);
-    EXPECT_EQ(std::stod(r[3]), 300.0);
     EXPECT_EQ(std::stod(r[10]), 140000.0);  // 10000 x detector pixel 14 / 1 A
-    EXPECT_TRUE(std::isfinite(std::stod(r[9])) && std::stod(r[9]) > 0.0);
+    EXPECT_GT(std::stod(r[9]), 0.0);
     // Without --refine_local_astm only the mean moves: U - V and the angle are the micrograph's.
     EXPECT_NEAR(U - V, U0 - V0, 0.02);
     EXPECT_NEAR(std::stod(r[6]), A0, 1e-4);
-    const double plane = d0 + tgx * (x - 512.0) + tgy * (y - 512.0);
-    EXPECT_LE(std::fabs((U + V) / 2.0 - plane), 400.0) << "truth " << plane;
-    xs.push_back(x), ys.push_back(y), ds.push_back((U + V) / 2.0);
+    const double d = (U + V) / 2.0, plane = d0 + tgx * (x - 512.0) + tgy * (y - 512.0);
+    EXPECT_LE(std::fabs(d - plane), 400.0) << "truth " << plane;
+    sxd += (x - 512.0) * d, sxx += (x - 512.0) * (x - 512.0), syd += (y - 512.0) * d, syy += (y - 512.0) * (y - 512.0);
   }
-  double gx = 0.0, gy = 0.0;
-  fit_plane(xs, ys, ds, 512.0, gx, gy);
+  const double gx = sxd / sxx, gy = syd / syy;
   EXPECT_LE(std::hypot(gx - tgx, gy - tgy), 0.1 * std::hypot(tgx, tgy)) << "fitted " << gx << ", " << gy;
 
   // One diagnostic image per position, readable by an independent reader.
@@ -177,45 +149,38 @@ TEST(SorrelLocalRefine, GridFollowsTheDefocusGradientAndKeepsTheAstigmatism) {
                             printed),
             0)
       << printed;
-  const double U1 = std::stod(star_rows(dir.file("micrographs_all_sorrel.star"), "sim/").at(0)[2]);
-  const double V1 = std::stod(star_rows(dir.file("micrographs_all_sorrel.star"), "sim/").at(0)[3]);
+  const auto mic1 = star_rows(dir.file("micrographs_all_sorrel.star"), "sim/").at(0);
   double moved = 0.0;
   for (const auto& r : star_rows(dir.file("sim/mic_0000_local.star"), "sim/"))
-    moved = std::max(moved, std::fabs((std::stod(r[4]) - std::stod(r[5])) - (U1 - V1)));
+    moved = std::max(moved, std::fabs((std::stod(r[4]) - std::stod(r[5])) - (std::stod(mic1[2]) - std::stod(mic1[3]))));
   EXPECT_GT(moved, 1.0);
 }
 
 namespace {
 
 struct BadInput {
-  const char* what;
   const char* options;
-  const char* box_name;  // written beside sim/mic_0000.mrc when not empty
+  const char* box_name;  // written beside sim/mic_0000.mrc when not empty, with box_text
   const char* box_text;
-  int status;            // 0: repaired, the run ends normally
+  int status;  // 0: repaired, the run ends normally
   const char* message;
 };
 
-const char* const kStarHead = "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n";
+#define STAR_HEAD "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n"
+const char* const kPicks = "sim/mic_0000_pickora.star";
 
 const BadInput kBadInputs[] = {
-    {"given boxes", "--local_boxtype 2", "", "", 1, "LOCAL_REFINE_GIVENBOX unsupported in the current version!! Exit now!"},
-    {"unknown type", "--local_boxtype 4", "", "", 1, "unrecognized local_boxtype!! Exit now!"},
-    {"no box file", "", "", "", 1, "the box file sim/mic_0000_pickora.star does NOT exist"},
-    {"malformed box", "--boxsuffix _p.box", "sim/mic_0000_p.box", "100 100\n", 1, "unrecognized box format"},
-    {"no coordinates", "", "sim/mic_0000_pickora.star", "\ndata_\n\nloop_\n_rlnAnglePsi #1\n12\n", 1,
-     "no usable _rlnCoordinateX column"},
-    {"overlap of 1", "--local_overlap 1.0", "sim/mic_0000_pickora.star", "\ndata_\n\nloop_\n_rlnCoordinateX #1\n"
-     "_rlnCoordinateY #2\n256 256\n", 0, "forcing it to be 0.5"},
-    {"step of 0", "--local_overlap 0.999", "", "", 1, "leaves a tile step of 0 pixels"},
-    {"tiny tiles", "--local_boxsize 32", "", "", 1, "they must have 64 pixels or more"},
-    {"negative radius", "--local_radius -3", "", "", 1, "--local_radius -3.000000 must be 0 or more"},
-    {"no positions", "", "sim/mic_0000_pickora.star", kStarHead, 0, "No positions in sim/mic_0000_pickora.star"},
-    {"edge position", "--local_radius 0", "sim/mic_0000_pickora.star",
-     "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n5 5\n256 256\n", 0,
-     "No usable local spectrum about \\(5, 5\\) \\(0 tiles"},
-    {"unknown average", "--local_avetype 7", "sim/mic_0000_pickora.star",
-     "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n256 256\n", 0, "Unknown local CTF average type"},
+    {"--local_boxtype 2", "", "", 1, "LOCAL_REFINE_GIVENBOX unsupported in the current version!! Exit now!"},
+    {"--local_boxtype 4", "", "", 1, "unrecognized local_boxtype!! Exit now!"},
+    {"--boxsuffix _p.box", "sim/mic_0000_p.box", "100 100\n", 1, "unrecognized box format"},
+    {"", kPicks, "\ndata_\n\nloop_\n_rlnAnglePsi #1\n12\n", 1, "no usable _rlnCoordinateX column"},
+    {"--local_overlap 1.0", kPicks, STAR_HEAD "256 256\n", 0, "forcing it to be 0.5"},
+    {"--local_overlap 0.999", "", "", 1, "leaves a tile step of 0 pixels"},
+    {"--local_boxsize 32", "", "", 1, "they must have 64 pixels or more"},
+    {"--local_radius -3", "", "", 1, "--local_radius -3.000000 must be 0 or more"},
+    {"", kPicks, STAR_HEAD, 0, "No positions in sim/mic_0000_pickora.star"},
+    {"--local_radius 0", kPicks, STAR_HEAD "5 5\n256 256\n", 0, "No usable local spectrum about \\(5, 5\\) \\(0 tiles"},
+    {"--local_avetype 7", kPicks, STAR_HEAD "256 256\n", 0, "Unknown local CTF average type"},
 };
 
 }  // namespace
@@ -226,8 +191,8 @@ TEST(SorrelLocalRefine, BadInputIsRefusedOrRepairedWithAMessage) {
   const std::string base = " --apix 1.0 --boxsize 256 --convsize 21 --convs_out 36 --do_local_refine 1 "
                            "--local_boxsize 128 --local_radius 64 ";
   for (const BadInput& c : kBadInputs) {
-    SCOPED_TRACE(c.what);
-    std::remove(dir.file("sim/mic_0000_pickora.star").c_str());
+    SCOPED_TRACE(c.options);
+    std::remove(dir.file(kPicks).c_str());
     std::remove(dir.file("sim/mic_0000_local.star").c_str());
     if (*c.box_name != '\0') write_file_text(dir.file(c.box_name), c.box_text);
     const std::string args = base + c.options + " sim/mic_0000.mrc";
@@ -251,7 +216,7 @@ TEST(SorrelLocalRefine, BadInputIsRefusedOrRepairedWithAMessage) {
   }
 
   // A micrograph whose box file is missing ends the run, and what the earlier one wrote stays.
-  write_file_text(dir.file("sim/mic_0000_pickora.star"), std::string(kStarHead) + "256 256\n300 200\n");
+  write_file_text(dir.file(kPicks), STAR_HEAD "256 256\n300 200\n");
   std::remove(dir.file("sim/mic_0001_pickora.star").c_str());
   EXPECT_EXIT_REPORT(sorrel_in(dir, base + "sim/mic_0000.mrc sim/mic_0001.mrc"),
                      "mic_0001_pickora.star does NOT exist");
