@@ -278,6 +278,9 @@ int SORREL_A::sorrel_local_spectrum(const PTCL_BOX& particle) {
     PK_WARNING("Unknown local CTF average type! Will use equally average instead!\n");
     type = 0;
   }
+  // A radius of 0 leaves the tile at the position alone, and a weight of d^2 / (2 r^2) would be
+  // 0 / 0: one tile needs no weights.
+  if (!(local_radius > 0.0f)) type = 0;
   if (type == 0) {
     hcuda_2ds_fft_r2c_amp_ave_log_subbg(d_local_stack, d_local_sub, b, b, count, smooth);
   } else {
