@@ -6,26 +6,48 @@
 
 #include <gtest/gtest.h>
 
+#include <exception>
 #include <string>
+#include <typeinfo>
 
 #include "cuda_general/report.h"
 
 namespace pickora_test {
 
-// Runs body; returns the exit status it ended with (-1: it returned normally) and stores
-// what it printed on standard output, then on standard error.
+// Sends standard output and standard error, in the order they are written, into a file that
+// lives in memory: the capture needs no temporary file, so a full or unwritable /tmp cannot
+// empty it.
+class StreamCapture {
+ public:
+  StreamCapture();
+  ~StreamCapture();
+  StreamCapture(const StreamCapture&) = delete;
+  StreamCapture& operator=(const StreamCapture&) = delete;
+  // Puts both streams back and returns what was written meanwhile.
+  std::string finish();
+
+ private:
+  int memory_fd_ = -1;
+  int saved_out_ = -1;
+  int saved_err_ = -1;
+};
+
+// Runs body; returns the exit status it ended with (-1: it returned normally; -2: it threw
+// something other than the fatal report, whose text is appended) and stores what it printed.
 template <class Body>
 int run_to_fatal(Body body, std::string& printed) {
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
+  StreamCapture capture;
   int status = -1;
+  std::string other;
   try {
     body();
   } catch (const pickora::FatalError& e) {
     status = e.status();
+  } catch (const std::exception& e) {
+    status = -2;
+    other = std::string("\n[threw ") + typeid(e).name() + ": " + e.what() + "]";
   }
-  printed = testing::internal::GetCapturedStdout();
-  printed += testing::internal::GetCapturedStderr();
+  printed = capture.finish() + other;
   return status;
 }
 
@@ -48,7 +70,8 @@ struct FatalCheck {
 #define EXPECT_EXIT_REPORT_STATUS(statement, expected_status, regex)                                     \
   for (pickora_test::FatalCheck pk_check_([&]() { statement; }); !pk_check_.done; pk_check_.done = true) \
   EXPECT_TRUE(pk_check_.ended_as((expected_status), (regex)))                                            \
-      << #statement << " ended with status " << pk_check_.status << " (-1: it returned), printing:\n"    \
+      << #statement << " ended with status " << pk_check_.status                                         \
+      << " (-1: it returned; -2: it threw another error), printing:\n"                                   \
       << pk_check_.printed << "\nexpected status " << (expected_status) << " and a match of " << (regex) << "\n"
 
 #define EXPECT_EXIT_REPORT(statement, regex) EXPECT_EXIT_REPORT_STATUS(statement, 1, regex)
