@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "boxfile/ptcl_box.h"
 #include "ctf/sorrel_para.h"
 #include "ctf/sorrel_queue.h"
 #include "mrcfile/mrcfile.h"
@@ -34,6 +35,20 @@ struct CTF_2DR_Para {
   float UVave[2], UVdif[2], A[2], PS[2];
   float best;
   float U, V;
+};
+
+// The members one strategy-1 refinement works on: its start and errors, the point it moves, its
+// result (U, V, angle, phase shift, score) and the spectrum it scores against, with a work array
+// of the same nh by ny size. The micrograph's own refinement and the local one of each particle
+// run the same code on two such sets.
+struct SorrelFitSet {
+  PUVA* init;
+  PUVA* err;
+  PUVA* current;
+  float* result;
+  const float* spectrum;
+  float* work;
+  unsigned nh, ny;
 };
 
 class SORREL_A;
@@ -89,6 +104,28 @@ class SORREL_A {
   void sorrel_hcuda_refctf_output_FinalValues();
   void sorrel_1S2R_st1_noPS();
   void sorrel_1S2R_st1_PS();
+
+  // The set strategy 1 works on: the micrograph's members, or the local ones while local_pass.
+  SorrelFitSet fit_set();
+  // Whether the steps of strategy 1 write their lines to the log (not in the high-resolution or
+  // the local pass).
+  bool step_log() const { return echo_log && !hres_pass && !local_pass && log != nullptr; }
+
+  // ---- local refinement (sorrel_local.cpp) ----
+  void sorrel_allocate_ctf_data_local();
+  void sorrel_free_ctf_data_local();
+  void sorrel_local_refine();
+  // 0 with the particle file named and readable (or written, for a grid); fatal otherwise.
+  int sorrel_get_local_boxf();
+  int sorrel_check_boxf();
+  void sorrel_open_output_local_head();
+  void sorrel_output_init_local_info();
+  void sorrel_set_init_2DR_Para_local(CTF_2DR_Para& r);
+  // Averages the tiles about particle k into the local spectrum; returns the tile count.
+  int sorrel_local_spectrum(const PTCL_BOX& particle);
+  void sorrel_local_refine_one(const PTCL_BOX& particle);
+  void sorrel_output_local_values_one_line(const PTCL_BOX& particle);
+  void sorrel_write_local_ctf_file(int index);
 
   // Scores at `current` with one parameter replaced.
   float sorrel_tcf_swr_2dh_P(float x);
@@ -150,6 +187,23 @@ class SORREL_A {
   int done_UVave = 0, done_UVdif = 0, done_A = 0, done_PS = 0;
   int warn = 1, echo_stdout = 1, echo_log = 1;
   float res_limit = 0.0f, b_factor = 0.0f;
+
+  // Local refinement: the members strategy 1 uses while local_pass, the local sizes, the
+  // particles of the current micrograph and their outputs.
+  float local_result[5] = {0, 0, 0, 0, 0};  // U, V, angle, phase shift, score
+  PUVA local_err{}, local_current{}, local_init{};
+  int local_box = 0, local_nh = 0, local_step = 0, local_capacity = 0;
+  unsigned long local_n2dh = 0;
+  float local_radius = 0.0f;
+  std::string name_boxf, name_local_star, name_local_ctf;
+  std::vector<PTCL_BOX> particles, neighbours;
+  std::vector<int2> tile_corners;
+  std::vector<float> tile_distances, h_local_sub, h_local_sim, h_local_out;
+  float *d_local_stack = nullptr, *d_local_dist = nullptr, *d_local_w = nullptr;
+  float *d_local_sub = nullptr, *d_local_work = nullptr, *d_local_sim = nullptr;
+  FILE* local_star = nullptr;
+  FILE* local_ctf = nullptr;
+  MRC_HEAD local_head{};
 
   // Read-ahead.
   SorrelDataQueue* queue = nullptr;

@@ -51,16 +51,32 @@ void mspx_refine_lmm(SORREL_A* object, SorrelScore f, RF_MSPX_1D& step, float ji
   step.best = f_next;
 }
 
-float SORREL_A::sorrel_tcf_swr_2dh_P(float x) { return score(x, current.U, current.V, current.A); }
+SorrelFitSet SORREL_A::fit_set() {
+  if (local_pass)
+    return SorrelFitSet{&local_init, &local_err, &local_current, local_result, d_local_sub, d_local_work,
+                        static_cast<unsigned>(local_nh), static_cast<unsigned>(local_box)};
+  return SorrelFitSet{&ref_init, &ref_err, &current, refined, d_sub, d_work, static_cast<unsigned>(nh),
+                      static_cast<unsigned>(box)};
+}
+
+float SORREL_A::sorrel_tcf_swr_2dh_P(float x) {
+  const PUVA& c = *fit_set().current;
+  return score(x, c.U, c.V, c.A);
+}
 float SORREL_A::sorrel_tcf_swr_2dh_UVave(float x) {
-  const float d = (current.V - current.U) / 2.0f;
-  return score(current.ps, x - d, x + d, current.A);
+  const PUVA& c = *fit_set().current;
+  const float d = (c.V - c.U) / 2.0f;
+  return score(c.ps, x - d, x + d, c.A);
 }
 float SORREL_A::sorrel_tcf_swr_2dh_UVdif(float x) {
-  const float a = (current.V + current.U) / 2.0f;
-  return score(current.ps, a - x, a + x, current.A);
+  const PUVA& c = *fit_set().current;
+  const float a = (c.V + c.U) / 2.0f;
+  return score(c.ps, a - x, a + x, c.A);
 }
-float SORREL_A::sorrel_tcf_swr_2dh_A(float x) { return score(current.ps, current.U, current.V, x); }
+float SORREL_A::sorrel_tcf_swr_2dh_A(float x) {
+  const PUVA& c = *fit_set().current;
+  return score(c.ps, c.U, c.V, x);
+}
 
 void SORREL_A::sorrel_set_bres() {
   if (local_pass) {
@@ -98,17 +114,20 @@ void SORREL_A::sorrel_set_init_defUVA_for_2D_refine(float phase_shift) {
 }
 
 void SORREL_A::sorrel_set_init_2DR_Para(CTF_2DR_Para& r) {
-  current = ref_init;
-  const float e = (ref_err.U + ref_err.V) / 2.0f;
-  const float ave = (ref_init.V + ref_init.U) / 2.0f, dif = (ref_init.V - ref_init.U) / 2.0f;
+  const SorrelFitSet set = fit_set();
+  const PUVA& init = *set.init;
+  const PUVA& err = *set.err;
+  *set.current = init;
+  const float e = (err.U + err.V) / 2.0f;
+  const float ave = (init.V + init.U) / 2.0f, dif = (init.V - init.U) / 2.0f;
   r.UVave[0] = ave, r.UVave[1] = ave - e;
   r.UVdif[0] = dif, r.UVdif[1] = dif - e;
-  r.A[0] = ref_init.A, r.A[1] = ref_init.A - 0.5f * ref_err.A;
-  const double p = ref_init.ps, err = ref_err.ps;
-  r.PS[0] = ref_init.ps;
-  r.PS[1] = static_cast<float>(p - err + err * static_cast<double>(random_unit()) / 3.0);
+  r.A[0] = init.A, r.A[1] = init.A - 0.5f * err.A;
+  const double p = init.ps, e_ps = err.ps;
+  r.PS[0] = init.ps;
+  r.PS[1] = static_cast<float>(p - e_ps + e_ps * static_cast<double>(random_unit()) / 3.0);
   r.best = 0.0f;
-  r.U = ref_init.U, r.V = ref_init.V;
+  r.U = init.U, r.V = init.V;
 }
 
 namespace {
@@ -128,6 +147,7 @@ void put_step_line(FILE* log, const PUVA& c, float best, const char* end) {
   pair[0] = s.x, pair[1] = s.x + s.dx, r.best = s.best
 
 void SORREL_A::sorrel_hcuda_refctf_A_2dh_t3(CTF_2DR_Para& r) {
+  PUVA& current = *fit_set().current;
   if (seed_angles && !hres_pass) {
     const float s = 180.0f / static_cast<float>(para.defA_seeds), A0 = r.A[0];
     for (int i = 1; i <= para.defA_seeds; ++i) {
@@ -137,7 +157,7 @@ void SORREL_A::sorrel_hcuda_refctf_A_2dh_t3(CTF_2DR_Para& r) {
         const float shift = trial - r.A[0];
         r.A[0] += shift, r.A[1] += shift, r.best = f;
       }
-      if (echo_log && log != nullptr) {
+      if (step_log()) {
         PUVA t = current;
         t.A = trial;
         put_step_line(log, t, f, "  \n");
@@ -147,44 +167,55 @@ void SORREL_A::sorrel_hcuda_refctf_A_2dh_t3(CTF_2DR_Para& r) {
   }
   SORREL_STEP(r.A, 0.2f, sorrel_tcf_swr_2dh_A);
   current.A = r.A[0];
-  if (echo_log && !hres_pass && log != nullptr) put_step_line(log, current, r.best, "\n");
+  if (step_log()) put_step_line(log, current, r.best, "\n");
 }
 
 void SORREL_A::sorrel_hcuda_refctf_UVave_2dh_t3(CTF_2DR_Para& r) {
+  PUVA& current = *fit_set().current;
   SORREL_STEP(r.UVave, 2.0f, sorrel_tcf_swr_2dh_UVave);
   const float d = (current.V - current.U) / 2.0f;
   current.U = r.UVave[0] - d, current.V = r.UVave[0] + d;
-  if (echo_log && !hres_pass && log != nullptr) put_step_line(log, current, r.best, "\n");
+  if (step_log()) put_step_line(log, current, r.best, "\n");
 }
 
 void SORREL_A::sorrel_hcuda_refctf_UVdif_2dh_t3(CTF_2DR_Para& r) {
+  PUVA& current = *fit_set().current;
   SORREL_STEP(r.UVdif, 2.0f, sorrel_tcf_swr_2dh_UVdif);
   const float a = (current.V + current.U) / 2.0f;
   current.U = a - r.UVdif[0], current.V = a + r.UVdif[0];
-  if (echo_log && !hres_pass && log != nullptr) put_step_line(log, current, r.best, "\n");
+  if (step_log()) put_step_line(log, current, r.best, "\n");
 }
 
 void SORREL_A::sorrel_hcuda_refctf_PS_2dh_t3(CTF_2DR_Para& r) {
+  PUVA& current = *fit_set().current;
   SORREL_STEP(r.PS, 0.2f, sorrel_tcf_swr_2dh_P);
   current.ps = r.PS[0];
-  if (echo_log && !hres_pass && log != nullptr) put_step_line(log, current, r.best, "\n");
+  if (step_log()) put_step_line(log, current, r.best, "\n");
 }
 
 #undef SORREL_STEP
 
+// Strategy 1 on the set of fit_set(): the micrograph's members, or a particle's local ones.
 void SORREL_A::sorrel_hcuda_refctf_2dh() {
+  const SorrelFitSet set = fit_set();
+  PUVA& current = *set.current;
   CTF_2DR_Para r;
-  sorrel_set_init_2DR_Para(r);
-  const bool talk = echo_log && !hres_pass && log != nullptr;
+  if (local_pass)
+    sorrel_set_init_2DR_Para_local(r);
+  else
+    sorrel_set_init_2DR_Para(r);
+  const bool talk = step_log();
   if (talk)
     std::fprintf(log, "* *************************************   2D   REFINE    "
                       "************************************************************ *\n");
   sorrel_set_bres();
-  // Which of the two start points of each pair is the better one.
+  // Which of the two start points of each pair is the better one. The half difference's other
+  // point is a candidate only when the difference is refined: a pass that moves the mean alone
+  // keeps the astigmatism it started from.
   if (ref_UVave || ref_UVdif) {
     const float ave = r.UVave[0];
     const float f0 = score(current.ps, ave - r.UVdif[0], ave + r.UVdif[0], current.A);
-    const float f1 = score(current.ps, ave - r.UVdif[1], ave + r.UVdif[1], current.A);
+    const float f1 = ref_UVdif ? score(current.ps, ave - r.UVdif[1], ave + r.UVdif[1], current.A) : f0;
     if (f1 > f0) std::swap(r.UVdif[0], r.UVdif[1]);
     current.U = ave - r.UVdif[0], current.V = ave + r.UVdif[0];
     r.best = f1 > f0 ? f1 : f0;
@@ -247,7 +278,7 @@ void SORREL_A::sorrel_hcuda_refctf_2dh() {
     }
     U = r.U, V = r.V;
   }
-  refined[0] = U, refined[1] = V, refined[2] = A, refined[3] = r.PS[0], refined[4] = r.best;
+  set.result[0] = U, set.result[1] = V, set.result[2] = A, set.result[3] = r.PS[0], set.result[4] = r.best;
 }
 
 // ---------------------------------------------------------------------------------------------

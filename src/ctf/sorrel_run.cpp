@@ -128,6 +128,7 @@ void SORREL_A::sorrel_free_ctf_data() {
   for (float** d : {&d_image, &d_amp, &d_log, &d_sub, &d_sub2, &d_work, &d_sim, &d_full, &d_defocus, &d_sims1d,
                     &d_curve, &d_scores, &d_epa, &d_ctfsim})
     safe_cudaFree(*d);
+  sorrel_free_ctf_data_local();
 }
 
 int SORREL_A::sorrel_open_sumlog() {
@@ -157,8 +158,7 @@ int SORREL_A::sorrel_preparation(int argc, char** argv) {
   }
   if (para.pre_read) queue = new SorrelDataQueue(para.dp_silent);
   sorrel_allocate_ctf_data();
-  if (para.do_local_refine)
-    PK_WARNING("Local refinement (--do_local_refine) is not part of this build; the global values are written.");
+  if (para.do_local_refine) sorrel_allocate_ctf_data_local();
   if (para.do_validation)
     PK_WARNING("Validation (--do_validation) is not part of this build; no VALIDATION_SCORE is written.");
   if (para.do_mdef_refine)
@@ -326,6 +326,7 @@ int SORREL_A::sorrel_run(int argc, char** argv) {
     if (para.refine_2d_T == 1) sorrel_hcuda_refctf_end_2dh();
     sorrel_print_time("1S2R", t0);
     sorrel_epa_1d_ccf_B_estimation();
+    if (para.do_local_refine) sorrel_local_refine();
     sorrel_print_time("LOCAL REFINE", t0);
     sorrel_write_star_oneline();
     if (!para.reload_ctf_files) sorrel_write_ctfout();

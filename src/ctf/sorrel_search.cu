@@ -34,8 +34,9 @@ float ctf_tcf_swr_2dh(float* work, const float* spectrum, float pixel_size, unsi
 }
 
 float SORREL_A::score(float ps, float U, float V, float A) {
-  return ctf_tcf_swr_2dh(d_work, d_sub, para.apix, nh, box, ps, para.kV, para.cs, para.ac, U, V, A, score_bfac,
-                         score_resL, score_resH);
+  const SorrelFitSet set = fit_set();
+  return ctf_tcf_swr_2dh(set.work, set.spectrum, para.apix, set.nh, set.ny, ps, para.kV, para.cs, para.ac, U, V, A,
+                         score_bfac, score_resL, score_resH);
 }
 
 namespace {
