@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ctf/ctf_plain_refine.h"
 #include "ctf/sorrel.h"
 #include "ctf/sorrel_epa.h"
 #include "ctf/sorrel_files.h"
@@ -159,10 +160,7 @@ int SORREL_A::sorrel_preparation(int argc, char** argv) {
   if (para.pre_read) queue = new SorrelDataQueue(para.dp_silent);
   sorrel_allocate_ctf_data();
   if (para.do_local_refine) sorrel_allocate_ctf_data_local();
-  if (para.do_validation)
-    PK_WARNING("Validation (--do_validation) is not part of this build; no VALIDATION_SCORE is written.");
-  if (para.do_mdef_refine)
-    PK_WARNING("Movie defocus refinement (--do_mdef_refine) is not part of this build; the stack is treated as one micrograph.");
+  sorrel_movie_check_setup(*this);
   if (para.refine_tilt)
     PK_WARNING("Tilt refinement (--refine_tilt) is not supported; the micrograph is refined as untilted.");
   sorrel_put_parameters(&para);
@@ -325,6 +323,8 @@ int SORREL_A::sorrel_run(int argc, char** argv) {
       sorrel_1S2R_st1_noPS();
     if (para.refine_2d_T == 1) sorrel_hcuda_refctf_end_2dh();
     sorrel_print_time("1S2R", t0);
+    if (para.do_validation) sorrel_validate_current(*this);
+    if (para.do_mdef_refine) sorrel_movie_refine_current(*this);
     sorrel_epa_1d_ccf_B_estimation();
     if (para.do_local_refine) sorrel_local_refine();
     sorrel_print_time("LOCAL REFINE", t0);
