@@ -223,6 +223,10 @@ TEST(CtfMovieStack, SorrelRunWritesBothAndKeepsTheMicrographResults) {
   EXPECT_EQ(read_file_text(dir.file("sim/mic_0000_pf.mrc")), plain_pf);
   const std::string a = read_file_text(dir.file("plain.star")), b = read_file_text(dir.file("both.star"));
   EXPECT_EQ(a.substr(a.find("sim/")), b.substr(b.find("sim/")));
+  // A span of no frame is refused before any micrograph is searched.
+  EXPECT_EQ(run_sorrel(dir, common + "--do_mdef_refine 1 --mdef_aveN 0 --ctfstar none.star sim/mic_0000.mrcs", out), 1);
+  EXPECT_NE(out.find("(--mdef_aveN) is 0; it must be at least 1 frame"), std::string::npos) << out;
+  EXPECT_EQ(out.find("Final Values"), std::string::npos);
 }
 
 TEST(CtfMovieStack, SpansAndFitsThatCannotWork) {

@@ -89,5 +89,6 @@ int ctf_movie_stack_refine(const float* stack, int nx, int ny, int nz, float pix
 // the refined values, and the movie refinement of a stack from the refined values.
 void sorrel_validate_current(SORREL_A& run);
 void sorrel_movie_refine_current(SORREL_A& run);
-// Once per run: says why a movie refinement that was asked for will do nothing.
+// Once per run: says why a movie refinement that was asked for will do nothing, and refuses a
+// span below 1 frame with a fatal report.
 void sorrel_movie_check_setup(const SORREL_A& run);

@@ -188,6 +188,8 @@ class FrameZeroRestored {
 void sorrel_movie_check_setup(const SORREL_A& r) {
   const SORREL_Para& p = r.para;
   if (!p.do_mdef_refine) return;
+  // Refused before any micrograph is searched, rather than after the first one.
+  if (p.mdef_aveN < 1) PK_FATAL("the span of frames (--mdef_aveN) is %d; it must be at least 1 frame", p.mdef_aveN);
   if (r.nz < 2)
     PK_WARNING("Movie defocus refinement (--do_mdef_refine) needs stacks of frames; these micrographs have one, so "
                "it is skipped.");
