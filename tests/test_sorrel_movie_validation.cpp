@@ -208,6 +208,49 @@ TEST(CtfMovieStack, SorrelRunWritesBothAndKeepsTheMicrographResults) {
   EXPECT_EQ(out.find("Final Values"), std::string::npos);
 }
 
+TEST(CtfLocalRefine, ParticlesFollowTheTruthAndOutsideOnesKeepTheMicrographValues) {
+  random_source_set_seed(13);
+  TempDir dir;
+  simulate(dir, "");
+  int nz = 0;
+  const std::vector<float> image = read_stack(dir.file("sim/mic_0000.mrc"), nz);
+  // Corners of 256-pixel boxes: centres (256, 256), (200, 300), and one far outside the image.
+  write_file_text(dir.file("sim/mic_0000.box"), "128 128 256 256\n72 172 256 256\n5000 5000 256 256\n");
+  CtfLocalOptions o{kApix, kKv, kCs, kAc, 0.0f, kU - 400.0f, kV - 400.0f, kA, 14.0f, 1, ".box", 256, 0.5f, 128.0f,
+                    50.0f, 30.0f, 5.0f, 100.0f, 100.0f, 5.0f, 0};
+  const std::string mic = dir.file("sim/mic_0000.mrc");
+  testing::internal::CaptureStdout();
+  const int n = ctf_local_refine(mic.c_str(), "_local.star", image.data(), kSize, kSize, o, nullptr);
+  const std::string printed = testing::internal::GetCapturedStdout();
+  ASSERT_EQ(n, 3) << printed;
+  std::istringstream star(read_file_text(dir.file("sim/mic_0000_local.star")));
+  std::vector<std::vector<double>> rows;
+  for (std::string l; std::getline(star, l);) {
+    if (l.find(mic) != 0) continue;
+    std::istringstream w(l.substr(mic.size()));
+    std::vector<double> v(13);
+    for (double& x : v) w >> x;
+    rows.push_back(v);
+  }
+  ASSERT_EQ(rows.size(), 3u) << printed;
+  for (int i = 0; i < 2; ++i) {  // X Y kV U V A ...: 400 A off at the start, the mean comes back
+    EXPECT_NEAR((rows[i][3] + rows[i][4]) / 2.0, 12000.0, 60.0) << printed;
+    EXPECT_NEAR(rows[i][3] - rows[i][4], kU - kV, 0.1);
+  }
+  EXPECT_EQ(rows[1][0], 200.0);
+  EXPECT_EQ(rows[1][1], 300.0);
+  EXPECT_FLOAT_EQ(rows[2][3], kU - 400.0f);
+  EXPECT_NE(printed.find("  Local Values0\n"), std::string::npos);
+  for (const int type : {2, 3, 0}) {
+    o.boxtype = type;
+    EXPECT_EXIT_REPORT(ctf_local_refine(mic.c_str(), "_local.star", image.data(), kSize, kSize, o, nullptr),
+                       type == 2 ? "GIVENBOX unsupported" : type == 3 ? "AUTOGRID unsupported" : "unrecognized");
+  }
+  o.boxtype = 1, o.boxsuffix = ".missing";
+  EXPECT_EXIT_REPORT(ctf_local_refine(mic.c_str(), "_local.star", image.data(), kSize, kSize, o, nullptr),
+                     "does not exist or is not readable");
+}
+
 TEST(CtfMovieStack, SpansAndFitsThatCannotWork) {
   const int n = 128, nz = 20;
   std::vector<float> noise = random_image(static_cast<size_t>(n) * n * nz, 9);

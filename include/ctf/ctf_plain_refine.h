@@ -85,6 +85,29 @@ int ctf_movie_stack_refine(const float* stack, int nx, int ny, int nz, float pix
                            float bfac, float resL, float resH, FILE* log, int ave_type, int span, int fit, int astm,
                            CTF_REF_CONTROL control, MovieStackValues* out = nullptr);
 
+// The settings of ctf_local_refine: the micrograph's result (start of every particle), the
+// particle file (type 1 only: the micrograph's name with `boxsuffix`), the tiles (side
+// `boxsize`, step trunc(boxsize (1 - overlap)), centres within `radius` of the particle), the
+// score's envelope and limits, and the errors of the first steps.
+struct CtfLocalOptions {
+  float apix, kv, cs, ac, ps, defU, defV, defA, dstep;
+  int boxtype;
+  const char* boxsuffix;
+  int boxsize;
+  float overlap, radius, bfac, resL, resH, U_err, V_err, A_err;
+  int refine_astm;
+};
+
+// Local refinement of one micrograph (image on the host, nx by ny) as a plain function: per
+// particle the spectra of the tiles around it are averaged and the micrograph's values refined
+// on them (the mean defocus, or with refine_astm also astigmatism and angle). Rows go to
+// standard output, `log` and the STAR file named from the micrograph and `suffix`. A particle
+// with no tile inside the image keeps the micrograph's values ("Local Values0"). Box types 2
+// and 3, another type, and a particle file that can't be read are refused with a fatal report.
+// Returns the number of particles written.
+int ctf_local_refine(const char* name, const char* suffix, const float* image, int nx, int ny,
+                     const CtfLocalOptions& options, FILE* log);
+
 // The run's steps for the current micrograph of a SORREL_A, after its search: validation of
 // the refined values, and the movie refinement of a stack from the refined values.
 void sorrel_validate_current(SORREL_A& run);
