@@ -1,6 +1,7 @@
 // Refinements of a CTF that stand outside the class SORREL_A: two small searches on a half
 // spectrum already on the device, the validation of a finished result in five resolution bands,
-// and the defocus of a movie followed through its frames by a span that slides along the stack.
+// the defocus of a movie followed through its frames by a span that slides along the stack, and
+// the local refinement of one micrograph's particles.
 //
 // Arrays are device half arrays of nh = box / 2 + 1 columns by ny = box rows, zero frequency at
 // row ny / 2, as the defocus search uses them. Scores are ctf_tcf_swr_2dh: the model's |CTF|
