@@ -12,6 +12,7 @@
 #include "../ctf_core/ctf_buffers.h"
 #include "boxfile/ptcl_box.h"
 #include "ctf/ctf_plain_refine.h"
+#include "ctf/sorrel_local.h"
 #include "cuda_fft/cuda_fft.h"
 #include "cuda_general/report.h"
 #include "mrcfile/mrcfile.h"
@@ -19,8 +20,6 @@
 #include "starfile/starfile.h"
 
 namespace {
-
-constexpr int kMaxBoxes = 10240;
 
 void put_both(FILE* log, const char* text) {
   std::fputs(text, stdout);
@@ -37,13 +36,11 @@ void refuse_box_type(int type) {
 
 // Corners of the tiles about the particle that lie wholly inside the image.
 std::vector<int2> tiles_inside(const PTCL_BOX& particle, const CtfLocalOptions& o, int step, int nx, int ny) {
-  std::vector<PTCL_BOX> near(kMaxBoxes);
-  const int n = auto_generate_neighbor_boxes_circular(near.data(), kMaxBoxes, particle, o.radius, o.boxsize, step);
+  std::vector<PTCL_BOX> near;
+  auto_generate_neighbor_boxes_grown(near, particle, o.radius, o.boxsize, step);
   std::vector<int2> corners;
-  for (int i = 0; i < n; ++i) {
-    const PTCL_BOX& b = near[i];
-    if (b.x >= 0 && b.y >= 0 && b.x + o.boxsize <= nx && b.y + o.boxsize <= ny) corners.push_back(int2{b.x, b.y});
-  }
+  std::vector<float> distances;
+  ptcl_boxes_inside(near, nx, ny, corners, distances);
   return corners;
 }
 
@@ -63,8 +60,8 @@ int ctf_local_refine(const char* name, const char* suffix, const float* image, i
   FILE* star = owned.get();
   if (star == nullptr) PK_FATAL("open file '%s' failed.", starf);
   particle_star_write_head(star);
-  std::vector<PTCL_BOX> particles(kMaxBoxes);
-  const int np = read_all_ptcl_boxes(particles.data(), kMaxBoxes, boxf);
+  const std::vector<PTCL_BOX> particles = read_all_ptcl_boxes_grown(boxf);
+  const int np = static_cast<int>(particles.size());
   char text[1200];
   std::snprintf(text, sizeof(text), "\nUsing box file %s for local refinement\nTotal particle number for local "
                 "refinement: %d\n", boxf, np);
