@@ -7,6 +7,7 @@
 
 #include "cuda_general/cuda_general.h"
 #include "support/device_data.h"
+#include "support/exit_report.h"
 #include "process2d_raw/process2d_raw.h"
 
 namespace {
@@ -62,12 +63,12 @@ TEST(BoxMean, MatchesReferenceOnOddSizes) {
   cudaFree(d_out);
 }
 
-TEST(BoxMean, BoxBelowTwoIsEmpty) {
+TEST(BoxMean, BoxBelowTwoIsRefusedNotWrittenAsNaN) {
   const unsigned nx = 5, ny = 4;
   float* d_in = to_device(std::vector<float>(nx * ny, 1.0f));
   float* d_out = to_device(std::vector<float>(nx * ny, 0.0f));
-  hcuda_2d_convolution_by_box(d_in, d_out, nx, ny, 1, 4);
-  for (float v : to_host(d_out, nx * ny)) EXPECT_TRUE(std::isnan(v));  // 0 / 0
+  EXPECT_EXIT_REPORT(hcuda_2d_convolution_by_box(d_in, d_out, nx, ny, 1, 4), "A box of 1 x 4 pixels holds no pixel");
+  for (float v : to_host(d_out, nx * ny)) EXPECT_EQ(v, 0.0f);
   cudaFree(d_in);
   cudaFree(d_out);
 }

@@ -44,6 +44,8 @@ PICKORA_HD inline void cuda_2d_convolution_by_box(unsigned x, unsigned y, const 
   out[y * nx + x] = pk_2d_box_mean(src, nx, pk_2d_box(x, y, nx, ny, bx, by));
 }
 
+// A box below 2 pixels on a side holds no pixel (the mean would be 0 / 0): refused, not written.
+void pk_require_box(int bx, int by);
 void hcuda_2d_convolution_by_box(const float* src, float* out, unsigned nx, unsigned ny, int bx, int by);
 
 // The same box mean in two passes, O(bx + by) reads per pixel instead of bx * by: the row pass

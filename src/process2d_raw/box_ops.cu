@@ -7,14 +7,11 @@
 #include "math_utils/device_stats.h"
 #include "process2d_core/process2d_core.h"
 #include "process2d_raw/box_ops.h"
+#include "process2d_raw/process2d_raw.h"
 
 namespace {
 
 constexpr int kSumBlock = 1024;
-
-void require_box(int bx, int by) {
-  if (bx < 2 || by < 2) PK_FATAL("A box of %d x %d pixels holds no pixel: both sides must be at least 2", bx, by);
-}
 
 // 1.0 where the value is not above 0 (NaN included), 0.0 elsewhere.
 PICKORA_HD inline void cuda_not_positive(unsigned i, float* flags, const float* a, unsigned long n) {
@@ -24,13 +21,13 @@ PICKORA_HD inline void cuda_not_positive(unsigned i, float* flags, const float* 
 }  // namespace
 
 void hcuda_2d_std_by_box(const float* src, float* out, unsigned nx, unsigned ny, int bx, int by) {
-  require_box(bx, by);
+  pk_require_box(bx, by);
   PK_LAUNCH_IMAGE(
       nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_std_by_box(x, y, src, out, nx, ny, bx, by); });
 }
 
 void hcuda_2d_log_subbg_boxconv_inplace(float* image, unsigned nx, unsigned ny, int box) {
-  require_box(box, box);
+  pk_require_box(box, box);
   const unsigned long n = static_cast<unsigned long>(nx) * ny;
   float* scratch = nullptr;
   safe_cudaMalloc(&scratch, sizeof(float) * (n > 0 ? n : 1));

@@ -1,8 +1,14 @@
 // Device launchers of the box mean and of the box cutting.
 #include "cuda_general/launch.h"
+#include "cuda_general/report.h"
 #include "process2d_raw/process2d_raw.h"
 
+void pk_require_box(int bx, int by) {
+  if (bx < 2 || by < 2) PK_FATAL("A box of %d x %d pixels holds no pixel: both sides must be at least 2", bx, by);
+}
+
 void hcuda_2d_convolution_by_box(const float* src, float* out, unsigned nx, unsigned ny, int bx, int by) {
+  pk_require_box(bx, by);
   PK_LAUNCH_IMAGE(
       nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_convolution_by_box(x, y, src, out, nx, ny, bx, by); });
 }
