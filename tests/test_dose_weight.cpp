@@ -159,6 +159,15 @@ TEST(Weights, TermsTableAndRefusals) {
   EXPECT_EXIT_REPORT(m.device_average(para(4, 1, 0.0f)), "mw_skeme must be 0 .*not 4! Exit now!");
   EXPECT_EXIT_REPORT(m.device_average(para(1, 0, 0.0f)), "wnorm_type must be 1 .*not 0! Exit now!");
   EXPECT_EXIT_REPORT(m.host_average(para(-1, 1, 0.0f)), "mw_skeme must be");
+  std::vector<float2> out(m.nxh * m.ny);
+  for (float apix : {0.0f, -1.0f, NAN})
+    EXPECT_EXIT_REPORT(cpu_2ds_fft_dose_dft_ctf_wave(m.frames.data(), out.data(), m.nxh, m.ny, m.nz, apix,
+                                                     m.dose.data(), m.drift.data(), para(1, 1, 0.0f)),
+                       "pixel size must be a positive number");
+  std::vector<float> w(m.nxh * m.ny * m.nz);
+  EXPECT_EXIT_REPORT(gpu_2ds_fft_dose_dft_wgen(w.data(), m.nxh, m.ny, m.nz, 0.0f, m.dose.data(), m.drift.data(),
+                                               para(3, 1, 0.0f)),
+                     "pixel size must be a positive number");
 }
 
 TEST(TextInputs, DoseDriftAndTableReaders) {

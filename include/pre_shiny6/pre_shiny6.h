@@ -48,6 +48,9 @@ static_assert(sizeof(GPS_PARA) == 32, "eight 32-bit fields");
 // Refuses parameters the weighting cannot use (fatal). with_norm: a normaliser is formed, so
 // wnorm_type must be 1 or 2.
 void gps_para_check(const GPS_PARA& para, bool with_norm);
+// Refuses a spectrum too small for the frequency terms (they divide by 2 (nxh - 1)) and a pixel
+// size that is not a positive number (every weight would be NaN).
+void dose_sampling_check(unsigned nxh, unsigned ny, float apix);
 
 // ---- Terms of one element ---------------------------------------------------------------
 

@@ -25,7 +25,7 @@ void cpu_2ds_fft_dose_dft_ctf_wave(const float2* frames, float2* out, unsigned n
                                    float apix, const float* dose, const float2* drift, GPS_PARA p) {
   // The host normaliser is always k + sum |wm|, so wnorm_type is not checked here.
   gps_para_check(p, false);
-  if (nxh < 2 || ny < 1) PK_FATAL("a half spectrum of %u x %u is too small to weight", nxh, ny);
+  dose_sampling_check(nxh, ny, apix);
   const unsigned long plane = static_cast<unsigned long>(nxh) * ny;
   for (unsigned y = 0; y < ny; ++y)
     for (unsigned x = 0; x < nxh; ++x) {

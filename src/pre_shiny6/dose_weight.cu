@@ -1,4 +1,5 @@
 // Launchers of the dose and drift kernels and their host-array forms.
+#include <cmath>
 #include <cstddef>
 #include <cstdio>
 
@@ -14,12 +15,13 @@ void gps_para_check(const GPS_PARA& para, bool with_norm) {
     PK_FATAL("wnorm_type must be 1 (sum of |w|) or 2 (root of the sum of w^2), not %d", para.wnorm_type);
 }
 
-namespace {
-
-// The frequency terms divide by 2 (nxh - 1): a spectrum needs two columns at least.
-void check_spectrum(unsigned nxh, unsigned ny) {
+void dose_sampling_check(unsigned nxh, unsigned ny, float apix) {
   if (nxh < 2 || ny < 1) PK_FATAL("a half spectrum of %u x %u is too small to weight", nxh, ny);
+  if (!(apix > 0.0f) || !std::isfinite(apix))
+    PK_FATAL("the pixel size must be a positive number of angstrom, not %g", static_cast<double>(apix));
 }
+
+namespace {
 
 template <class T>
 T* device_copy(const T* host, std::size_t count) {
@@ -35,7 +37,7 @@ void hcuda_2ds_fft_dose_dft_ctf_wave(const float2* frames, float2* out, unsigned
                                      float apix, const float* dose, const float2* drift, const float* ctfw,
                                      GPS_PARA p) {
   gps_para_check(p, true);
-  check_spectrum(nxh, ny);
+  dose_sampling_check(nxh, ny, apix);
   if (ctfw == nullptr) PK_FATAL("the weighted average needs a radial table");
   PK_LAUNCH_IMAGE(nxh, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
     cuda_2ds_fft_dose_dft_ctf_wave(x, y, frames, out, nxh, ny, nz, apix, dose, drift, ctfw, p);
@@ -45,7 +47,7 @@ void hcuda_2ds_fft_dose_dft_ctf_wave(const float2* frames, float2* out, unsigned
 void hcuda_2d_fft_dose_dft_wgen(float* w, unsigned nxh, unsigned ny, float apix, float dose, float2 drift,
                                 GPS_PARA p) {
   gps_para_check(p, false);
-  check_spectrum(nxh, ny);
+  dose_sampling_check(nxh, ny, apix);
   PK_LAUNCH_IMAGE(nxh, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
     cuda_2d_fft_dose_dft_wgen(x, y, w, nxh, ny, apix, dose, drift, p);
   });
@@ -54,7 +56,7 @@ void hcuda_2d_fft_dose_dft_wgen(float* w, unsigned nxh, unsigned ny, float apix,
 void hcuda_2d_fft_dose_dft_wadd(float* w, unsigned nxh, unsigned ny, float apix, float dose, float2 drift,
                                 GPS_PARA p) {
   gps_para_check(p, true);
-  check_spectrum(nxh, ny);
+  dose_sampling_check(nxh, ny, apix);
   PK_LAUNCH_IMAGE(nxh, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
     cuda_2d_fft_dose_dft_wadd(x, y, w, nxh, ny, apix, dose, drift, p);
   });
@@ -63,7 +65,7 @@ void hcuda_2d_fft_dose_dft_wadd(float* w, unsigned nxh, unsigned ny, float apix,
 void hcuda_2ds_fft_dose_dft_wgen(float* w, unsigned nxh, unsigned ny, unsigned nz, float apix, const float* dose,
                                  const float2* drift, GPS_PARA p) {
   gps_para_check(p, false);
-  check_spectrum(nxh, ny);
+  dose_sampling_check(nxh, ny, apix);
   PK_LAUNCH_IMAGE(nxh, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
     cuda_2ds_fft_dose_dft_wgen(x, y, w, nxh, ny, nz, apix, dose, drift, p);
   });
@@ -72,7 +74,7 @@ void hcuda_2ds_fft_dose_dft_wgen(float* w, unsigned nxh, unsigned ny, unsigned n
 void hcuda_2ds_fft_dose_dft_wgen_swap(float* w, unsigned nxh, unsigned ny, unsigned nz, float apix,
                                       const float* dose, const float2* drift, GPS_PARA p) {
   gps_para_check(p, false);
-  check_spectrum(nxh, ny);
+  dose_sampling_check(nxh, ny, apix);
   PK_LAUNCH_IMAGE(nxh, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
     cuda_2ds_fft_dose_dft_wgen_swap(x, y, w, nxh, ny, nz, apix, dose, drift, p);
   });
@@ -81,7 +83,7 @@ void hcuda_2ds_fft_dose_dft_wgen_swap(float* w, unsigned nxh, unsigned ny, unsig
 void hcuda_2d_fft_dose_dft_wgen_wsum_one(const float2* frame, float2* sum, float* wsum, unsigned nxh, unsigned ny,
                                          float apix, float dose, float2 drift, GPS_PARA p) {
   gps_para_check(p, true);
-  check_spectrum(nxh, ny);
+  dose_sampling_check(nxh, ny, apix);
   PK_LAUNCH_IMAGE(nxh, ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
     cuda_2d_fft_dose_dft_wgen_wsum_one(x, y, frame, sum, wsum, nxh, ny, apix, dose, drift, p);
   });
@@ -90,7 +92,7 @@ void hcuda_2d_fft_dose_dft_wgen_wsum_one(const float2* frame, float2* sum, float
 void gpu_2ds_fft_dose_dft_ctf_wave(const float2* frames, float2* out, unsigned nxh, unsigned ny, unsigned nz,
                                    float apix, const float* dose, const float2* drift, const float* ctfw, GPS_PARA p) {
   gps_para_check(p, true);
-  check_spectrum(nxh, ny);
+  dose_sampling_check(nxh, ny, apix);
   if (ctfw == nullptr) PK_FATAL("the weighted average needs a radial table");
   const std::size_t plane = static_cast<std::size_t>(nxh) * ny;
   print_dose_drif_ctfw(dose, drift, static_cast<int>(nz), ctfw, static_cast<int>(nxh));
@@ -114,7 +116,7 @@ namespace {
 void gpu_wgen(float* w, unsigned nxh, unsigned ny, unsigned nz, float apix, const float* dose, const float2* drift,
               GPS_PARA p, bool swap) {
   gps_para_check(p, false);
-  check_spectrum(nxh, ny);
+  dose_sampling_check(nxh, ny, apix);
   const std::size_t count = static_cast<std::size_t>(nxh) * ny * nz;
   print_dose_drif_ctfw(dose, drift, static_cast<int>(nz), nullptr, 0);
   float* d_dose = device_copy(dose, nz);
