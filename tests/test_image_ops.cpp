@@ -171,6 +171,7 @@ TEST(Resample, RotationCommandsMatchNumpy) {
   mrcf_write_xyz_data(dir.file("in.mrc").c_str(), stack.data(), n, n, 2);
   mrcf_cuda_2d_rotate(dir.file("in.mrc").c_str(), dir.file("rot90.mrc").c_str(), 90.0f);
   mrcf_cuda_2d_translate_rotate(dir.file("in.mrc").c_str(), dir.file("shift.mrc").c_str(), 0.5f, -1.0f, 0.0f);
+  mrcf_cuda_2d_transform(dir.file("in.mrc").c_str(), dir.file("identity.mrc").c_str(), RT_Mat2D{1, 0, 0, 1, 0, 0}, 1);
   python_check("rotation", dir);
 }
 

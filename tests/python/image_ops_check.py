@@ -27,6 +27,7 @@ def check_rotation(folder):
     want[:-1, 1:] = 0.5 * (a[1:, 1:] + a[1:, :-1])
     assert np.allclose(shifted, want, atol=1e-6), "translation by (0.5, -1)"
     assert np.all(shifted[:, 0] == 0) and np.all(shifted[-1, :] == 0), "outside is zero"
+    assert np.array_equal(read(folder, "identity.mrc")[0], a), "the identity transform is exact"
 
 
 def check_flips(folder):
