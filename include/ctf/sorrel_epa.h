@@ -56,28 +56,19 @@ PICKORA_HD inline float epa_bilinear(const float* a, unsigned nh, float x, float
   return top + fy * ((v01 + fx * (v11 - v01)) - top);
 }
 
-// Element i of the average of L = (nh - 1) X + 1 elements. Outside the limits, a copy of
-// row ny / 2. Inside, the walk over directions t from -pi / 2 in steps of 0.75 / i: along each,
-// the radius r0 of the phase of element i and r1 of a quarter period ahead give a Gaussian
-// window (sigma w / 3, w = r1 - r0, capped by sqrt(10 w) from 10 on) sampled every half pixel
-// from r0 - w to r1. A direction without a window (w of 0 or less) adds nothing.
-PICKORA_HD inline void cuda_2dh_X_EPA_res(unsigned i, float* out, int X, const float* spectrum, unsigned nh,
-                                          unsigned ny, float pixel_size, float kv, float cs, float defU, float defV,
-                                          float defA, float resL, float resH) {
-  const unsigned L = (nh - 1) * static_cast<unsigned>(X) + 1;
-  if (i >= L) return;
-  const float s = static_cast<float>(i) / (2.0f * static_cast<float>((nh - 1) * X) * pixel_size);
-  if (s < 1.0f / resL || s > 1.0f / resH) {
-    out[i] = spectrum[(ny / 2) * nh + i / static_cast<unsigned>(X)];
-    return;
-  }
-  const EpaCoef k = epa_coef(kv, cs);
+// Adds to the sums the samples of one spectrum along the curve of equal phase of element i at
+// frequency s: the walk over directions t from -pi / 2 in steps of 0.75 / i; along each, the
+// radius r0 of the phase of element i and r1 of a quarter period ahead give a Gaussian window
+// (sigma w / 3, w = r1 - r0, capped by sqrt(10 w) from 10 on) sampled every half pixel from
+// r0 - w to r1. A direction without a window (w of 0 or less) adds nothing.
+PICKORA_HD inline void epa_accumulate(unsigned i, float s, const float* spectrum, unsigned nh, unsigned ny,
+                                      float pixel_size, float cs, EpaCoef k, float defU, float defV, float defA,
+                                      float& wsum, float& vsum) {
   const float a = defA * static_cast<float>(kCtfPi) / 180.0f;
   const float g = (k.B * epa_defocus(0.0f, defU, defV, a)) * s * s - k.C * s * s * s * s;
   const float scale = 2.0f * static_cast<float>(nh - 1) * pixel_size;
   const float half_pi = static_cast<float>(kCtfPi / 2.0);
   const float dt = 0.75f / static_cast<float>(i);
-  float wsum = 1e-6f, vsum = 0.0f;
   for (float t = -half_pi; t < half_pi; t += dt) {
     const float b = k.B * epa_defocus(t, defU, defV, a);
     const float root0 = epa_root(b, k.C, g, cs);
@@ -96,6 +87,57 @@ PICKORA_HD inline void cuda_2dh_X_EPA_res(unsigned i, float* out, int X, const f
       vsum += wt * epa_bilinear(spectrum, nh, x, y);
     }
   }
+}
+
+// The frequency of element i of a curve of L = (nh - 1) X + 1 elements.
+PICKORA_HD inline float epa_frequency(unsigned i, int X, unsigned nh, float pixel_size) {
+  return static_cast<float>(i) / (2.0f * static_cast<float>((nh - 1) * X) * pixel_size);
+}
+
+// Element i of the average of L = (nh - 1) X + 1 elements. Outside the limits, a copy of
+// row ny / 2; inside, the weighted mean of the samples along the curve of equal phase.
+PICKORA_HD inline void cuda_2dh_X_EPA_res(unsigned i, float* out, int X, const float* spectrum, unsigned nh,
+                                          unsigned ny, float pixel_size, float kv, float cs, float defU, float defV,
+                                          float defA, float resL, float resH) {
+  const unsigned L = (nh - 1) * static_cast<unsigned>(X) + 1;
+  if (i >= L) return;
+  const float s = epa_frequency(i, X, nh, pixel_size);
+  if (s < 1.0f / resL || s > 1.0f / resH) {
+    out[i] = spectrum[(ny / 2) * nh + i / static_cast<unsigned>(X)];
+    return;
+  }
+  float wsum = 1e-6f, vsum = 0.0f;
+  epa_accumulate(i, s, spectrum, nh, ny, pixel_size, cs, epa_coef(kv, cs), defU, defV, defA, wsum, vsum);
+  out[i] = vsum / wsum;
+}
+
+// The defocus and angle of one spectrum of a stack.
+struct UVA_c {
+  float defU, defV, defA;
+};
+
+// Element i of one curve for a stack of n spectra of nh x ny, each walked along its own curves
+// of equal phase (its own UVA_c), all samples in one weighted mean: spectra of one specimen at
+// different defocus add up to one curve over the frequency of direction 0 of each. Outside the
+// limits, the mean of the spectra's row ny / 2.
+PICKORA_HD inline void cuda_2dhs_X_EPA_res(unsigned i, float* out, int X, const float* spectra, unsigned n,
+                                           unsigned nh, unsigned ny, float pixel_size, float kv, float cs,
+                                           const UVA_c* uva, float resL, float resH) {
+  const unsigned L = (nh - 1) * static_cast<unsigned>(X) + 1;
+  if (i >= L) return;
+  const unsigned long plane = static_cast<unsigned long>(nh) * ny;
+  const float s = epa_frequency(i, X, nh, pixel_size);
+  if (s < 1.0f / resL || s > 1.0f / resH) {
+    float sum = 0.0f;
+    for (unsigned k = 0; k < n; ++k) sum += spectra[k * plane + (ny / 2) * nh + i / static_cast<unsigned>(X)];
+    out[i] = sum / static_cast<float>(n);
+    return;
+  }
+  const EpaCoef coef = epa_coef(kv, cs);
+  float wsum = 1e-6f, vsum = 0.0f;
+  for (unsigned k = 0; k < n; ++k)
+    epa_accumulate(i, s, spectra + k * plane, nh, ny, pixel_size, cs, coef, uva[k].defU, uva[k].defV, uva[k].defA,
+                   wsum, vsum);
   out[i] = vsum / wsum;
 }
 
@@ -166,6 +208,17 @@ void hcuda_2dh_EPA_from_1d3(float* out, const float* spectrum, const float* curv
 // The average with X of 1 mapped back with gain (scratch of nh floats allocated and freed).
 void hcuda_2dh_EPA(float* out, const float* spectrum, unsigned nh, unsigned ny, float pixel_size, float kv, float cs,
                    float ac, float ps, float defU, float defV, float defA, float resL, float resH);
+
+// The stack forms: n spectra of nh x ny one after the other, n UVA_c records on the device
+// (n of 0 is refused). hcuda_2dhs_EPA maps the stack's curve (X of 1) back to one half spectrum
+// with the first record and the first spectrum; gpu_2dhs_EPA does the same on host arrays.
+void hcuda_2dhs_X_EPA_res(float* out, int X, const float* spectra, unsigned n, unsigned nh, unsigned ny,
+                          float pixel_size, float kv, float cs, float ac, float ps, const UVA_c* uva, float resL,
+                          float resH);
+void hcuda_2dhs_EPA(float* out, const float* spectra, unsigned n, unsigned nh, unsigned ny, float pixel_size,
+                    float kv, float cs, float ac, float ps, const UVA_c* uva, float resL, float resH);
+void gpu_2dhs_EPA(float* out, const float* spectra, unsigned n, unsigned nh, unsigned ny, float pixel_size, float kv,
+                  float cs, float ac, float ps, const UVA_c* uva, float resL, float resH);
 
 // Zeros (tens digit 0), peaks (1) or both, zero first (2) of the CTF at `defocus` along a curve
 // of n elements, kept between 1 / resL and 1 / resH inclusive; x by the units digit: 1 the

@@ -1,7 +1,10 @@
 // Launches of the equiphase-average kernels.
+#include <cstddef>
+
 #include "ctf/sorrel_epa.h"
 #include "cuda_general/cuda_general.h"
 #include "cuda_general/launch.h"
+#include "cuda_general/report.h"
 
 void hcuda_2dh_X_EPA_res(float* out, int X, const float* spectrum, unsigned nh, unsigned ny, float pixel_size,
                          float kv, float cs, float ac, float ps, float defU, float defV, float defA, float resL,
@@ -38,4 +41,46 @@ void hcuda_2dh_EPA(float* out, const float* spectrum, unsigned nh, unsigned ny, 
   hcuda_2dh_X_EPA_res(curve, 1, spectrum, nh, ny, pixel_size, kv, cs, ac, ps, defU, defV, defA, resL, resH);
   hcuda_2dh_EPA_from_1d(out, spectrum, curve, nh, ny, pixel_size, kv, cs, ac, ps, defU, defV, defA, resL, resH);
   safe_cudaFree(curve);
+}
+
+void hcuda_2dhs_X_EPA_res(float* out, int X, const float* spectra, unsigned n, unsigned nh, unsigned ny,
+                          float pixel_size, float kv, float cs, float ac, float ps, const UVA_c* uva, float resL,
+                          float resH) {
+  (void)ac, (void)ps;
+  if (n == 0) PK_FATAL("an equiphase average of a stack needs one spectrum at least");
+  const unsigned L = (nh - 1) * static_cast<unsigned>(X) + 1;
+  PK_LAUNCH_FLAT(L, PICKORA_LAMBDA(unsigned i) {
+    cuda_2dhs_X_EPA_res(i, out, X, spectra, n, nh, ny, pixel_size, kv, cs, uva, resL, resH);
+  });
+}
+
+void hcuda_2dhs_EPA(float* out, const float* spectra, unsigned n, unsigned nh, unsigned ny, float pixel_size,
+                    float kv, float cs, float ac, float ps, const UVA_c* uva, float resL, float resH) {
+  if (n == 0) PK_FATAL("an equiphase average of a stack needs one spectrum at least");
+  UVA_c first;
+  PK_CUDA_CHECK(memcpy_D2H(&first, uva, sizeof(UVA_c)));
+  float* curve = nullptr;
+  safe_cudaMalloc(&curve, nh * sizeof(float));
+  hcuda_2dhs_X_EPA_res(curve, 1, spectra, n, nh, ny, pixel_size, kv, cs, ac, ps, uva, resL, resH);
+  hcuda_2dh_EPA_from_1d(out, spectra, curve, nh, ny, pixel_size, kv, cs, ac, ps, first.defU, first.defV, first.defA,
+                        resL, resH);
+  safe_cudaFree(curve);
+}
+
+void gpu_2dhs_EPA(float* out, const float* spectra, unsigned n, unsigned nh, unsigned ny, float pixel_size, float kv,
+                  float cs, float ac, float ps, const UVA_c* uva, float resL, float resH) {
+  if (n == 0) PK_FATAL("an equiphase average of a stack needs one spectrum at least");
+  const std::size_t plane = static_cast<std::size_t>(nh) * ny;
+  float *d_spectra = nullptr, *d_out = nullptr;
+  UVA_c* d_uva = nullptr;
+  safe_cudaMalloc(&d_spectra, plane * n * sizeof(float));
+  safe_cudaMalloc(&d_out, plane * sizeof(float));
+  safe_cudaMalloc(&d_uva, n * sizeof(UVA_c));
+  PK_CUDA_CHECK(memcpy_H2D(d_spectra, spectra, plane * n * sizeof(float)));
+  PK_CUDA_CHECK(memcpy_H2D(d_uva, uva, n * sizeof(UVA_c)));
+  hcuda_2dhs_EPA(d_out, d_spectra, n, nh, ny, pixel_size, kv, cs, ac, ps, d_uva, resL, resH);
+  PK_CUDA_CHECK(memcpy_D2H(out, d_out, plane * sizeof(float)));
+  safe_cudaFree(d_spectra);
+  safe_cudaFree(d_out);
+  safe_cudaFree(d_uva);
 }
