@@ -175,6 +175,7 @@ class SORREL_A {
 
   // Search state.
   float best_defocus = 0.0f;
+  double search_seconds = 0.0;  // time in the 1D searches of this micrograph, for the TIME report
   float refined[5] = {0, 0, 0, 0, 0};  // U, V, angle, phase shift, CCC
   PUVA ref_err{}, ref_init{}, current{};
   float defocus_err = 0.0f;

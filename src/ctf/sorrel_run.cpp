@@ -187,6 +187,7 @@ void SORREL_A::sorrel_reset_for_micrograph() {
   warn = echo_stdout = echo_log = 1;
   res_limit = b_factor = 0.0f;
   std::fill(refined, refined + 5, 0.0f);
+  search_seconds = 0.0;
 }
 
 int SORREL_A::sorrel_prep_one_mic(int index) {
@@ -322,6 +323,7 @@ int SORREL_A::sorrel_run(int argc, char** argv) {
     else
       sorrel_1S2R_st1_noPS();
     if (para.refine_2d_T == 1) sorrel_hcuda_refctf_end_2dh();
+    sorrel_print_time("1D SEARCH", sorrel_now() - search_seconds);  // the searches' own seconds
     sorrel_print_time("1S2R", t0);
     if (para.do_validation) sorrel_validate_current(*this);
     if (para.do_mdef_refine) sorrel_movie_refine_current(*this);

@@ -94,6 +94,7 @@ int SORREL_A::sorrel_generate_ctf_d_data() {
 }
 
 void SORREL_A::sorrel_1D_search_t2(float phase_shift) {
+  const double t0 = sorrel_now();
   rotational_average_2dh(h_sub.data(), h_curve.data(), nh, box);
   PK_CUDA_CHECK(memcpy_H2D(d_curve, h_curve.data(), nh * sizeof(float)));
   for (int i = 0; i < ndef; ++i) h_defocus[i] = para.defL + static_cast<float>(i) * para.defS;
@@ -103,6 +104,7 @@ void SORREL_A::sorrel_1D_search_t2(float phase_shift) {
   hcuda_dot_manydata_with_one(d_sims1d, d_curve, nh, d_scores, ndef);
   PK_CUDA_CHECK(memcpy_D2H(h_scores.data(), d_scores, ndef * sizeof(float)));
   best_defocus = h_defocus[hm_max_index(h_scores.data(), ndef)];
+  search_seconds += sorrel_now() - t0;
   FILE* to = echo_log && log != nullptr ? log : (echo_stdout ? stdout : nullptr);
   if (to != nullptr)
     for (int i = 0; i < ndef; ++i)
