@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "ctf/sorrel_epa.h"
 #include "ctf/sorrel_para.h"
 #include "mrcfile/mrcfile.h"
 
@@ -34,6 +35,9 @@ int log_ctfstar_ex_oneline_phase_shift(FILE* fp, const char* micrograph, const c
 // a micrograph name are passed over. A table that can't be opened is fatal. Returns the number
 // of rows added.
 int get_all_initctf_from_ctfstar(const char* name, std::vector<std::string>& files, std::vector<CTF_INIT>& init);
+// The same rows as whole CTF records, and as their defocus and angle alone.
+int get_all_ctfinfo_from_ctfstar(const char* name, std::vector<std::string>& files, std::vector<CTF_INFO>& info);
+int get_all_defocus_from_ctfstar(const char* name, std::vector<std::string>& files, std::vector<UVA_c>& defocus);
 
 // The ".pow" image is box by box floats: the element in column box / 2 - 1 of row box / 2 is
 // replaced by the mean of its four neighbours, a neighbour outside the image falling back to

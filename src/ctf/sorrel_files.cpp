@@ -110,6 +110,20 @@ int get_all_initctf_from_ctfstar(const char* name, std::vector<std::string>& fil
   return added;
 }
 
+int get_all_ctfinfo_from_ctfstar(const char* name, std::vector<std::string>& files, std::vector<CTF_INFO>& info) {
+  std::vector<CTF_INIT> rows;
+  const int added = get_all_initctf_from_ctfstar(name, files, rows);
+  for (const CTF_INIT& c : rows) info.push_back(CTF_INFO{c.kv, c.cs, c.ac, c.ps, c.defU, c.defV, c.defA, c.bfac});
+  return added;
+}
+
+int get_all_defocus_from_ctfstar(const char* name, std::vector<std::string>& files, std::vector<UVA_c>& defocus) {
+  std::vector<CTF_INIT> rows;
+  const int added = get_all_initctf_from_ctfstar(name, files, rows);
+  for (const CTF_INIT& c : rows) defocus.push_back(UVA_c{c.defU, c.defV, c.defA});
+  return added;
+}
+
 void sorrel_powf_fix_centre(float* a, int box) {
   const int x = box / 2 - 1, y = box / 2;
   if (x < 0 || y >= box) return;
