@@ -331,7 +331,7 @@ int SORREL_A::sorrel_run(int argc, char** argv) {
     if (para.do_local_refine) sorrel_local_refine();
     sorrel_print_time("LOCAL REFINE", t0);
     sorrel_write_star_oneline();
-    if (!para.reload_ctf_files) sorrel_write_ctfout();
+    if (!reloaded) sorrel_write_ctfout();
     if (para.do_phase_flip)
       mrcf_phase_flip_write(name.c_str(), h_image.data(), nx, ny, para.apix, para.kV, para.cs, para.ac, refined[3],
                             refined[0], refined[1], refined[2]);

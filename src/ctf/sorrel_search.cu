@@ -4,13 +4,17 @@
 #include <cstdio>
 
 #include "ctf/sorrel.h"
+#include "ctf/sorrel_files.h"
 #include "ctf_core/ctf_core.h"
 #include "cuda_fast_sum/cuda_fast_sum.h"
 #include "cuda_fft/cuda_fft.h"
 #include "cuda_general/cuda_general.h"
 #include "cuda_general/launch.h"
 #include "math_utils/host_stats.h"
+#include "mrcfile/mrcfile.h"
+#include "process2d_core/process2d_core.h"
 #include "process2d_core/spectrum_2dh.h"
+#include "process2d_raw/process2d_raw.h"
 
 // Row j of the simulated curves against the measured curve, in float, in order of i.
 PICKORA_HD inline void cuda_dot_manydata_with_one(unsigned j, const float* rows, const float* curve, unsigned n,
@@ -50,8 +54,33 @@ bool all_finite(const std::vector<float>& a) {
 
 }  // namespace
 
+int SORREL_A::sorrel_reload_pre_ctf_files() {
+  const double t0 = sorrel_now();
+  const unsigned long full = static_cast<unsigned long>(box) * box;
+  if (mrcf_read_slice_check_xy_cid(name_pow.c_str(), 0, 'z', h_full.data(), box, box, SORREL_POW_CID) != 0) {
+    PK_WARNING("%s is not a power spectrum of %d x %d written by this program; it can't be reloaded",
+               name_pow.c_str(), box, box);
+    return -1;
+  }
+  // d_image, the micrograph's own device copy, is not needed on this road: it serves as scratch.
+  PK_CUDA_CHECK(memcpy_H2D(d_full, h_full.data(), full * sizeof(float)));
+  hcuda_2d_fftA_full2half(d_log, d_full, box, box);
+  hcuda_2d_convolution_by_box(d_full, d_image, box, box, para.convsize, para.convsize);
+  hcuda_x2d_sub(d_image, d_full, d_image, box, box);
+  hcuda_2d_fftA_full2half(d_sub, d_image, box, box);
+  sorrel_print_time("FFT", t0);
+  return sorrel_finish_spectra(false);
+}
+
 int SORREL_A::sorrel_generate_ctf_d_data() {
   const double t0 = sorrel_now();
+  reloaded = false;
+  if (para.reload_ctf_files && check_file_access(name_ctf.c_str(), "FR") == 0 &&
+      check_file_access(name_pow.c_str(), "FR") == 0) {
+    std::printf("pre-loading CTF files %s \n", name_ctf.c_str());
+    reloaded = sorrel_reload_pre_ctf_files() == 0;
+    if (reloaded) return 0;
+  }
   if (nz < 1) {
     PK_WARNING("Invalid frame number!!");
     return -1;
@@ -77,19 +106,27 @@ int SORREL_A::sorrel_generate_ctf_d_data() {
   hcuda_2d_gridfft_r2c_amp_ave_log_subbg3(d_image, d_amp, d_log, d_sub, nx, ny, box, box, step, para.convsize);
   hcuda_2dh_fftA_subbg(d_sub2, d_log, nh, box, para.convs_out);
   sorrel_print_time("FFT", t0);
+  return sorrel_finish_spectra(true);
+}
+
+// The steps after the spectra, shared by a fresh spectrum and a reloaded one: the optional
+// low-frequency smoothing, the host copies and, for a fresh one, the ".pow" file.
+int SORREL_A::sorrel_finish_spectra(bool fresh) {
   if (sorrel_option_given(&para, "smooth_resL"))
     hcuda_2dh_smooth_low_frequency_inplace(d_sub, nh, box, para.apix, para.smooth_resL);
-  hcuda_2d_fftA_half2full(d_full, d_log, box, box);
-  PK_CUDA_CHECK(memcpy_D2H(h_full.data(), d_full, static_cast<size_t>(box) * box * sizeof(float)));
+  if (fresh) {
+    hcuda_2d_fftA_half2full(d_full, d_log, box, box);
+    PK_CUDA_CHECK(memcpy_D2H(h_full.data(), d_full, static_cast<size_t>(box) * box * sizeof(float)));
+    PK_CUDA_CHECK(memcpy_D2H(h_sub2.data(), d_sub2, n2dh * sizeof(float)));
+  }
   PK_CUDA_CHECK(memcpy_D2H(h_sub.data(), d_sub, n2dh * sizeof(float)));
-  PK_CUDA_CHECK(memcpy_D2H(h_sub2.data(), d_sub2, n2dh * sizeof(float)));
   h_sub[static_cast<unsigned long>(box / 2) * nh] = 0.0f;
   if (!all_finite(h_sub) || !all_finite(h_full)) {
     PK_WARNING("The power spectrum of %s holds values that are not finite numbers; no CTF to determine!",
                name.c_str());
     return -1;
   }
-  sorrel_write_powf();
+  if (fresh) sorrel_write_powf();
   return 0;
 }
 
