@@ -430,3 +430,7 @@ void hcuda_2d_gridfft_r2c_amp_ave_log_subbg2(const float* image, float* subtract
 void hcuda_2d_gridfft_r2c_amp_ave_log_subbg3(const float* image, float* amp_sum, float* log_sum, float* subtracted,
                                              unsigned nx, unsigned ny, unsigned bx, unsigned by, unsigned step,
                                              int box);
+// Its last two stages on an amplitude sum made elsewhere (the frames of a movie one by one):
+// the log sum and the subtracted spectrum of a bx x by tile.
+void hcuda_2dh_amp_log_subbg3(const float* amp_sum, float* log_sum, float* subtracted, unsigned bx, unsigned by,
+                              int box);

@@ -10,6 +10,7 @@
 #include "cuda_fft/cuda_fft.h"
 #include "cuda_general/cuda_general.h"
 #include "cuda_general/launch.h"
+#include "math_utils/array_kernels.h"
 #include "math_utils/host_stats.h"
 #include "mrcfile/mrcfile.h"
 #include "process2d_core/process2d_core.h"
@@ -85,15 +86,25 @@ int SORREL_A::sorrel_generate_ctf_d_data() {
     PK_WARNING("Invalid frame number!!");
     return -1;
   }
-  // All frames of a stack are summed into one image before the spectrum is taken.
   const unsigned long plane = static_cast<unsigned long>(nx) * ny;
-  for (int z = 1; z < nz; ++z)
-    for (unsigned long i = 0; i < plane; ++i) h_image[i] += h_image[z * plane + i];
+  // The frames of a movie: with --mdef_ave_type 1 or 2 each frame's tile spectrum is taken and
+  // the amplitudes added (incoherent, drift does not blur the rings); otherwise the frames are
+  // summed first and the sum is treated as one image. Either way frame 0 then holds the sum,
+  // the image of the later steps.
+  const bool per_frame = nz > 1 && (para.mdef_ave_type == 1 || para.mdef_ave_type == 2);
+  if (per_frame) PK_CUDA_CHECK(cudaMemset(d_amp, 0, n2dh * sizeof(float)));
   for (int z = 0; z < nz; ++z) {
+    if (per_frame) {
+      PK_CUDA_CHECK(memcpy_H2D(d_image, h_image.data() + z * plane, plane * sizeof(float)));
+      hcuda_2d_gridfft_r2c_amp_ave(d_image, d_work, nx, ny, box, box, step, 0);
+      hcuda_addto_float(d_amp, d_work, n2dh);
+    }
     std::printf(".");
     std::fflush(stdout);
   }
   std::printf("\n");
+  for (int z = 1; z < nz; ++z)
+    for (unsigned long i = 0; i < plane; ++i) h_image[i] += h_image[z * plane + i];
   // A constant image has no spectrum to fit: its log amplitudes would be minus infinity.
   double mean = 0.0, sd = 0.0;
   hm_mean_stdv(h_image.data(), plane, mean, sd);
@@ -103,7 +114,10 @@ int SORREL_A::sorrel_generate_ctf_d_data() {
     return -1;
   }
   PK_CUDA_CHECK(memcpy_H2D(d_image, h_image.data(), plane * sizeof(float)));
-  hcuda_2d_gridfft_r2c_amp_ave_log_subbg3(d_image, d_amp, d_log, d_sub, nx, ny, box, box, step, para.convsize);
+  if (per_frame)
+    hcuda_2dh_amp_log_subbg3(d_amp, d_log, d_sub, box, box, para.convsize);
+  else
+    hcuda_2d_gridfft_r2c_amp_ave_log_subbg3(d_image, d_amp, d_log, d_sub, nx, ny, box, box, step, para.convsize);
   hcuda_2dh_fftA_subbg(d_sub2, d_log, nh, box, para.convs_out);
   sorrel_print_time("FFT", t0);
   return sorrel_finish_spectra(true);

@@ -312,7 +312,12 @@ void hcuda_2d_gridfft_r2c_amp_ave_log_subbg3(const float* image, float* amp_sum_
                                              unsigned nx, unsigned ny, unsigned bx, unsigned by, unsigned step,
                                              int box) {
   grid_amp_sum(image, amp_sum_out, nx, ny, bx, by, step, false);
+  hcuda_2dh_amp_log_subbg3(amp_sum_out, log_sum, subtracted, bx, by, box);
+}
+
+void hcuda_2dh_amp_log_subbg3(const float* amp_sum, float* log_sum, float* subtracted, unsigned bx, unsigned by,
+                              int box) {
   const size_t plane = static_cast<size_t>(fft_half_width(bx)) * by;
-  PK_CUDA_CHECK(cudaMemcpy(log_sum, amp_sum_out, sizeof(float) * plane, cudaMemcpyDeviceToDevice));
+  PK_CUDA_CHECK(cudaMemcpy(log_sum, amp_sum, sizeof(float) * plane, cudaMemcpyDeviceToDevice));
   grid_log_subbg(log_sum, subtracted, bx, by, box, true);
 }
