@@ -23,6 +23,10 @@
 struct PUVA {
   float ps, U, V, A;
 };
+// The same with the score: phase shift, U, V, angle, CCC.
+struct PUVAC {
+  float ps, U, V, A, C;
+};
 
 // One step of a one-parameter search: best point, offset to the other point, tolerance, score.
 struct RF_MSPX_1D {
@@ -183,6 +187,9 @@ class SORREL_A {
   float best_defocus = 0.0f;
   double search_seconds = 0.0;  // time in the 1D searches of this micrograph, for the TIME report
   float refined[5] = {0, 0, 0, 0, 0};  // U, V, angle, phase shift, CCC
+  void sorrel_set_refined_PUVAC(const PUVAC& r) {
+    refined[0] = r.U, refined[1] = r.V, refined[2] = r.A, refined[3] = r.ps, refined[4] = r.C;
+  }
   PUVA ref_err{}, ref_init{}, current{};
   float defocus_err = 0.0f;
   PUVA vertices[5]{};

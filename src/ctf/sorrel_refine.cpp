@@ -373,7 +373,7 @@ static void simplex(SORREL_A& s, int strategy) {
       std::fprintf(s.log, "WARNING: Too man refinement cycles, Sorrel might have failed on this micrograph!\n");
   }
   const PUVA& b = s.vertices[best];
-  s.refined[0] = b.U, s.refined[1] = b.V, s.refined[2] = b.A, s.refined[3] = b.ps, s.refined[4] = s.vertex_score[best];
+  s.sorrel_set_refined_PUVAC(PUVAC{b.ps, b.U, b.V, b.A, s.vertex_score[best]});
   s.sorrel_hcuda_refctf_end_2dh();
 }
 
