@@ -9,59 +9,42 @@
 
 #include "cuda_general/cuda_general.h"
 #include "cuda_general/report.h"
+#include "support/device_data.h"
 #include "support/exit_report.h"
 
 namespace {
 
-TEST(DeviceChoice, ExistingDeviceIsSelected) {
+TEST(DeviceChoice, ExistingIsSelectedMissingIsFatalAutoFallsBack) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(check_and_set_gid(0), 0);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "using GPU 0 ...\n");
-}
-
-TEST(DeviceChoice, MissingDeviceIsFatal) {
   EXPECT_EXIT_REPORT(check_and_set_gid(97), "");  // message goes to stdout; the status is what a pipeline sees
   EXPECT_EXIT_REPORT(check_gid(97), "");
-}
-
-TEST(DeviceChoice, AutoFallsBackToBestDevice) {
   int gid = 97;
   EXPECT_EQ(auto_check_and_set_gid(gid), 0);
   EXPECT_EQ(gid, 0);
 }
 
-TEST(DeviceMemory, FillWritesExactlyNElements) {
+TEST(DeviceMemory, FillsWriteExactlyNElementsOfEachType) {
   const unsigned long n = 1025, pad = 64;
-  float* d = nullptr;
-  safe_cudaMalloc_empty(&d, (n + pad) * sizeof(float));
+  float* d = device_zeros<float>(n + pad);
+  unsigned int* du = device_zeros<unsigned int>(n + pad);
+  double* dd = device_zeros<double>(n + pad);
+  DeviceFrees frees(d, du, dd);
   hcuda_memset_f32(d, 2.5f, n);
-  std::vector<float> h(n + pad, -1.0f);
-  ASSERT_EQ(memcpy_D2H(h.data(), d, h.size() * sizeof(float)), cudaSuccess);
-  for (unsigned long i = 0; i < n; ++i) ASSERT_EQ(h[i], 2.5f) << i;
-  for (unsigned long i = n; i < n + pad; ++i) ASSERT_EQ(h[i], 0.0f) << i;
-  hcuda_empty_f32(d, n);
-  ASSERT_EQ(memcpy_D2H(h.data(), d, n * sizeof(float)), cudaSuccess);
-  for (unsigned long i = 0; i < n; ++i) ASSERT_EQ(h[i], 0.0f);
-  cudaFree(d);
-}
-
-TEST(DeviceMemory, IntegerAndDoubleFillsRoundTrip) {
-  const unsigned long n = 3000;
-  unsigned int* du = nullptr;
-  double* dd = nullptr;
-  safe_cudaMalloc(&du, n * sizeof(unsigned int));
-  safe_cudaMalloc(&dd, n * sizeof(double));
   hcuda_memset_uint(du, 0xdeadbeefu, n);
   hcuda_memset_f64(dd, -1.25, n);
-  std::vector<unsigned int> hu(n);
-  std::vector<double> hd(n);
-  ASSERT_EQ(memcpy_D2H(hu.data(), du, n * sizeof(unsigned int)), cudaSuccess);
-  ASSERT_EQ(memcpy_D2H(hd.data(), dd, n * sizeof(double)), cudaSuccess);
-  EXPECT_EQ(hu.front(), 0xdeadbeefu);
-  EXPECT_EQ(hu.back(), 0xdeadbeefu);
-  EXPECT_EQ(hd.back(), -1.25);
-  cudaFree(du);
-  cudaFree(dd);
+  std::vector<float> want(n + pad, 0.0f);
+  std::fill_n(want.begin(), n, 2.5f);
+  EXPECT_EQ(to_host(d, n + pad), want);
+  std::vector<unsigned int> wu(n + pad, 0u);
+  std::fill_n(wu.begin(), n, 0xdeadbeefu);
+  EXPECT_EQ(to_host(du, n + pad), wu);
+  std::vector<double> wd(n + pad, 0.0);
+  std::fill_n(wd.begin(), n, -1.25);
+  EXPECT_EQ(to_host(dd, n + pad), wd);
+  hcuda_empty_f32(d, n);
+  EXPECT_EQ(to_host(d, n + pad), std::vector<float>(n + pad, 0.0f));
 }
 
 struct Args {
@@ -70,37 +53,24 @@ struct Args {
   explicit Args(std::vector<std::string> w) : words(std::move(w)) {
     for (auto& s : words) ptrs.push_back(&s[0]);
   }
-  int argc() const { return static_cast<int>(ptrs.size()); }
-  char** argv() { return ptrs.data(); }
 };
 
 TEST(BoolKeyword, ValueRules) {
-  Args a({"pickora", "--flag", "0", "--flag", "-x", "--flag", "2", "--flag"});
-  int value = -1, index = 1;
-  get_bool_keyword(a.argc(), a.argv(), value, index);
-  EXPECT_EQ(value, 0);
-  EXPECT_EQ(index, 2);  // "0" consumed
-  index = 3;
-  get_bool_keyword(a.argc(), a.argv(), value, index);
-  EXPECT_EQ(value, 1);
-  EXPECT_EQ(index, 3);  // an option follows: nothing consumed
-  index = 5;
-  get_bool_keyword(a.argc(), a.argv(), value, index);
-  EXPECT_EQ(value, 1);
-  EXPECT_EQ(index, 6);  // "2" is a value and means on
-  index = 7;
-  value = 0;
-  get_bool_keyword(a.argc(), a.argv(), value, index);
-  EXPECT_EQ(value, 1);  // last argument
-  EXPECT_EQ(index, 7);
-}
-
-TEST(BoolKeyword, LetterStartsAFileNameNotAValue) {
-  Args a({"pickora", "--flag", "mic.mrc"});
-  int value = 0, index = 1;
-  get_bool_keyword(a.argc(), a.argv(), value, index);
-  EXPECT_EQ(value, 1);
-  EXPECT_EQ(index, 1);
+  Args a({"pickora", "--flag", "0", "--flag", "-x", "--flag", "2", "--flag", "--flag", "mic.mrc"});
+  // {index of the flag, how many words the command line has, value after, index after}
+  const int cases[][4] = {
+      {1, 10, 0, 2},  // "0" consumed
+      {3, 10, 1, 3},  // an option follows: nothing consumed
+      {5, 10, 1, 6},  // "2" is a value and means on
+      {7, 8, 1, 7},   // last argument
+      {8, 10, 1, 8},  // a letter starts a file name, not a value
+  };
+  for (const auto& c : cases) {
+    int value = 1 - c[2], index = c[0];
+    get_bool_keyword(c[1], a.ptrs.data(), value, index);
+    EXPECT_EQ(value, c[2]) << "flag at " << c[0];
+    EXPECT_EQ(index, c[3]) << "flag at " << c[0];
+  }
 }
 
 TEST(FileAccess, LettersAndMessages) {
@@ -127,15 +97,12 @@ TEST(FileAccess, LettersAndMessages) {
   std::remove(path);
 }
 
-TEST(Reports, CufftTextTable) {
+TEST(Reports, CufftTextsAndModulePaths) {
   EXPECT_STREQ(cufft_error_text(0), "CUFFT_SUCCESS, cuFFT operation was successful");
   EXPECT_STREQ(cufft_error_text(10), "CUFFT_INCOMPLETE_PARAMETER_LIST,  Missing parameters in call");
   EXPECT_STREQ(cufft_error_text(15), "CUFFT_LICENSE_ERROR, Used in previous versions.");
   EXPECT_STREQ(cufft_error_text(16), "Unknown error");
   EXPECT_STREQ(cufft_error_text(-1), "Unknown error");
-}
-
-TEST(Reports, ModulePathFromSourceFile) {
   EXPECT_STREQ(report_module_path("/home/u/pickora/src/cuda_general/cuda_general.cu"), "src/cuda_general");
   EXPECT_STREQ(report_module_path("src/boxfile/boxfile.cpp"), "src/boxfile");
   EXPECT_STREQ(report_module_path("/x/applications/pickora56/main.cpp"), "applications/pickora56");

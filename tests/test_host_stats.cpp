@@ -1,17 +1,16 @@
-// Host statistics: edge cases and the precision rules.
-//
-// Expected values are worked out by hand in the comments or spelled out as plain expressions of
-// the rule under test. Where a rule's violation would show (float accumulation, summation order,
-// double products, rounding points), the test also asserts that the violating result differs.
+// Host statistics: edge cases and the precision rules. Expected values are worked out by hand in
+// the comments or spelled out as plain expressions of the rule under test; where a rule's
+// violation would show (float accumulation, summation order, double products, rounding points),
+// the test also asserts that the violating result differs.
 #include <gtest/gtest.h>
 
 #include <math.h>
 
 #include <cmath>
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <limits>
 #include <string>
 #include <tuple>
@@ -28,6 +27,18 @@ const float kX = 0x1.001p+0f;
 const double kXSquaredFloat = 0x1.002p+0;      // float(kX * kX), widened
 const double kXSquaredDouble = 0x1.002001p+0;  // double(kX) * double(kX), exact
 const std::string kMaskWarning = "Too small sum of mask!!";
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+// Each pair is what a form returned and what its rule gives, compared exactly (float results
+// widen exactly); NaN wants NaN.
+void expect_values(std::initializer_list<std::pair<double, double>> checks) {
+  int i = 0;
+  for (const auto& [got, want] : checks) {
+    if (std::isnan(want)) EXPECT_TRUE(std::isnan(got)) << "check " << i;
+    else EXPECT_EQ(got, want) << "check " << i;
+    ++i;
+  }
+}
 
 // Deterministic data that is not a constant (a small LCG, values in about -2..6).
 std::vector<float> test_data(unsigned long n) {
@@ -50,91 +61,54 @@ void expect_mean_sd(const std::vector<float>& v, double mean, double sd, double 
   EXPECT_NEAR(static_cast<double>(std::sqrt(q / v.size())), sd, tol);
 }
 
-// What f prints on standard output.
+// What f prints on standard output, and how often it printed the mask warning.
 std::string printed(const std::function<void()>& f) {
   testing::internal::CaptureStdout();
   f();
   return testing::internal::GetCapturedStdout();
 }
 
-int count_of(const std::string& text, const std::string& what) {
+int warnings(const std::string& text) {
   int c = 0;
-  for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++c;
+  for (size_t p = text.find(kMaskWarning); p != std::string::npos; p = text.find(kMaskWarning, p + 1)) ++c;
   return c;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Edge cases
-
-TEST(HostStatsEdge, VarianceFamilyOnSmallCounts) {
-  const float a[] = {1, 2, 3};  // deviations -1, 0, 1
-  EXPECT_EQ(hm_variance(a, 3), 2.0 / 3.0);
-  EXPECT_EQ(hm_svariance(a, 3), 1.0);
-  EXPECT_EQ(hm_stdv(a, 3), std::sqrt(2.0 / 3.0));
-  EXPECT_EQ(hm_sstdv(a, 3), 1.0);
-  EXPECT_EQ(hm_variancef(a, 3), static_cast<float>(2.0 / 3.0));
-  EXPECT_EQ(hm_svariancef(a, 3), 1.0f);
-  EXPECT_EQ(hm_sstdvf(a, 3), 1.0f);
+TEST(HostStatsEdge, VarianceFamilyCovarianceAndNormsOnSmallCounts) {
+  const float a[] = {1, 2, 3}, r[] = {3, 2, 1};  // deviations -1, 0, 1
   double mean = 0, sd = 0;
   hm_mean_stdv(a, 3, mean, sd);
-  EXPECT_EQ(std::make_pair(mean, sd), std::make_pair(2.0, std::sqrt(2.0 / 3.0)));
-
-  // One element: the sample forms divide by 0.
-  EXPECT_TRUE(std::isnan(hm_svariance(a, 1)));
-  EXPECT_TRUE(std::isnan(hm_sstdv(a, 1)));
-  EXPECT_TRUE(std::isnan(hm_svariancef(a, 1)));
-  EXPECT_TRUE(std::isnan(hm_sstdvf(a, 1)));
-  EXPECT_EQ(hm_variance(a, 1), 0.0);
-
-  // No element: sums are 0, means and deviations NaN.
-  EXPECT_EQ(hm_sum(a, 0), 0.0);
-  EXPECT_EQ(hm_sum_sqr(a, 0), 0.0);
-  EXPECT_EQ(hm_dot(a, a, 0), 0.0);
-  for (double v : {hm_mean(a, 0), double(hm_meanf(a, 0)), hm_variance(a, 0), hm_stdv(a, 0), hm_svariance(a, 0),
-                   thm_mean(a, 0)})
-    EXPECT_TRUE(std::isnan(v));
-}
-
-TEST(HostStatsEdge, CovarianceIsASumAndLinfiNormTakesNoAbsoluteValue) {
   const std::vector<float> v = test_data(777);
+  const float c[] = {-5, 1}, d[] = {-5, -7};  // the largest value, not the largest magnitude
+  expect_values({{hm_variance(a, 3), 2.0 / 3.0}, {hm_svariance(a, 3), 1.0}, {hm_stdv(a, 3), std::sqrt(2.0 / 3.0)},
+                 {hm_sstdv(a, 3), 1.0}, {hm_variancef(a, 3), static_cast<float>(2.0 / 3.0)},
+                 {hm_svariancef(a, 3), 1.0}, {hm_sstdvf(a, 3), 1.0}, {mean, 2.0}, {sd, std::sqrt(2.0 / 3.0)},
+                 // One element: the sample forms divide by 0. No element: sums 0, the rest NaN.
+                 {hm_svariance(a, 1), kNaN}, {hm_sstdv(a, 1), kNaN}, {hm_svariancef(a, 1), kNaN},
+                 {hm_sstdvf(a, 1), kNaN}, {hm_variance(a, 1), 0.0}, {hm_sum(a, 0), 0.0}, {hm_sum_sqr(a, 0), 0.0},
+                 {hm_dot(a, a, 0), 0.0}, {hm_mean(a, 0), kNaN}, {hm_meanf(a, 0), kNaN}, {hm_variance(a, 0), kNaN},
+                 {hm_stdv(a, 0), kNaN}, {hm_svariance(a, 0), kNaN}, {thm_mean(a, 0), kNaN},
+                 // The covariance is a sum, not a mean.
+                 {hm_covariance(a, a, 3), 2.0}, {hm_covariance(a, r, 3), -2.0}, {hm_covariancef(a, r, 3), -2.0},
+                 {hm_linfi_norm(c, 2), 1.0}, {hm_linfi_normf(c, 2), 1.0}, {hm_linfi_norm(d, 2), -5.0}});
   EXPECT_DOUBLE_EQ(hm_covariance(v.data(), v.data(), v.size()), v.size() * hm_variance(v.data(), v.size()));
-  const float a[] = {1, 2, 3}, b[] = {3, 2, 1};
-  EXPECT_EQ(hm_covariance(a, a, 3), 2.0);
-  EXPECT_EQ(hm_covariance(a, b, 3), -2.0);
-  EXPECT_EQ(hm_covariancef(a, b, 3), -2.0f);
-  const float c[] = {-5, 1}, d[] = {-5, -7};
-  EXPECT_EQ(hm_linfi_norm(c, 2), 1.0);
-  EXPECT_EQ(hm_linfi_normf(c, 2), 1.0f);
-  EXPECT_EQ(hm_linfi_norm(d, 2), -5.0);
 }
-
-// ---------------------------------------------------------------------------------------------
-// Accumulation: one double accumulator, element 0 upward
 
 TEST(HostStatsPrecision, DoubleAccumulatorKeepsOnesBeside1e8) {
   // float accumulation loses every 1 beside 1e8 (the float spacing there is 8).
-  const float a[] = {1e8f, 1, 1, 1, 1, 1};
+  const float a[] = {1e8f, 1, 1, 1, 1, 1}, ones[] = {1, 1, 1, 1, 1, 1}, third[] = {0, 0, 1};
   float float_sum = 0.0f;
   for (float x : a) float_sum += x;
   ASSERT_EQ(float_sum, 1e8f);
-  EXPECT_EQ(hm_sum(a, 6), 100000005.0);
-  EXPECT_EQ(hm_sumf(a, 6), 100000008.0f);  // rounded once at the end, to the nearest float
-  EXPECT_EQ(hm_mean(a, 6), 100000005.0 / 6.0);
-  EXPECT_EQ(hm_l1_norm(a, 6), 100000005.0);
-  EXPECT_EQ(thm_sum(a, 6), 100000005.0);
-  EXPECT_EQ(hm_sqr_sum(a, 6), 100000005.0 * 100000005.0);
-  EXPECT_EQ(hm_sqr_sumf(a, 6), static_cast<float>(100000005.0 * 100000005.0));
-  // The masked float dot keeps a float accumulator; the plain one sums in double.
-  const float ones[] = {1, 1, 1, 1, 1, 1};
-  EXPECT_EQ(hm_dotf_withmask(a, ones, ones, 6), 1e8f);
-  EXPECT_EQ(hm_dotf_weighted(a, ones, ones, 6), 1e8f);
-  EXPECT_EQ(hm_dot_withmask(a, ones, ones, 6), 100000005.0);
-  EXPECT_EQ(hm_dotf(a, ones, 6), 100000008.0f);
-
-  const float third[] = {0, 0, 1};
-  EXPECT_EQ(hm_meanf(third, 3), static_cast<float>(1.0 / 3.0));
   const double d[] = {0.1, 0.2, 0.3};
-  EXPECT_EQ(hm_mean(d, 3), (0.1 + 0.2 + 0.3) / 3.0);
+  expect_values({{hm_sum(a, 6), 100000005.0}, {hm_sumf(a, 6), 100000008.0},  // rounded once at the end
+                 {hm_mean(a, 6), 100000005.0 / 6.0}, {hm_l1_norm(a, 6), 100000005.0}, {thm_sum(a, 6), 100000005.0},
+                 {hm_sqr_sum(a, 6), 100000005.0 * 100000005.0},
+                 {hm_sqr_sumf(a, 6), static_cast<float>(100000005.0 * 100000005.0)},
+                 // The masked float dot keeps a float accumulator; the plain one sums in double.
+                 {hm_dotf_withmask(a, ones, ones, 6), 1e8}, {hm_dotf_weighted(a, ones, ones, 6), 1e8},
+                 {hm_dot_withmask(a, ones, ones, 6), 100000005.0}, {hm_dotf(a, ones, 6), 100000008.0},
+                 {hm_meanf(third, 3), static_cast<float>(1.0 / 3.0)}, {hm_mean(d, 3), (0.1 + 0.2 + 0.3) / 3.0}});
 }
 
 TEST(HostStatsPrecision, SumRunsFromElementZeroUpward) {
@@ -146,32 +120,23 @@ TEST(HostStatsPrecision, SumRunsFromElementZeroUpward) {
   for (size_t i = a.size(); i-- > 0;) reverse += a[i];
   ASSERT_NE(reverse, 0x1p53);
   const std::vector<double> d(a.begin(), a.end());
-  EXPECT_EQ(hm_sum(a.data(), a.size()), 0x1p53);
-  EXPECT_EQ(thm_sum(a.data(), a.size()), 0x1p53);
-  EXPECT_EQ(hm_sum(d.data(), d.size()), 0x1p53);
-  EXPECT_EQ(hm_sum_weighted(a.data(), ones.data(), a.size()), 0x1p53);
-  EXPECT_EQ(hm_sum_check0(a.data(), a.size()), 0x1p53);
+  expect_values({{hm_sum(a.data(), a.size()), 0x1p53}, {thm_sum(a.data(), a.size()), 0x1p53},
+                 {hm_sum(d.data(), d.size()), 0x1p53}, {hm_sum_weighted(a.data(), ones.data(), a.size()), 0x1p53},
+                 {hm_sum_check0(a.data(), a.size()), 0x1p53}});
 }
-
-// ---------------------------------------------------------------------------------------------
-// Products rounded to float before widening
 
 TEST(HostStatsPrecision, SquaresAndProductsRoundToFloat) {
   ASSERT_NE(kXSquaredFloat, kXSquaredDouble);
   const float a[] = {kX}, one[] = {1.0f}, three[] = {3.0f};
-  EXPECT_EQ(hm_sum_sqr(a, 1), kXSquaredFloat);
-  EXPECT_EQ(hm_mod(a, 1), std::sqrt(kXSquaredFloat));
-  EXPECT_EQ(hm_l2_norm(a, 1), std::sqrt(kXSquaredFloat));
-  EXPECT_EQ(hm_dot(a, a, 1), kXSquaredFloat);
-  EXPECT_EQ(hm_sum_weighted(a, a, 1), kXSquaredFloat);
-  EXPECT_EQ(hm_dot_withmask(a, a, one, 1), kXSquaredFloat);
-  // (a b) rounded to float, times m rounded to float: exact here; in double the 2^-24 term of
-  // kX^2 would survive as 3 * 2^-24.
-  EXPECT_EQ(hm_dot_withmask(a, a, three, 1), 3.0 * kXSquaredFloat);
-  EXPECT_EQ(hm_dot_weighted(a, a, three, 1), 3.0 * kXSquaredFloat);
-  // The templates widen first and multiply in double.
-  EXPECT_EQ(thm_sum_sqr(a, 1), kXSquaredDouble);
-  EXPECT_EQ(thm_dot(a, a, 1), kXSquaredDouble);
+  expect_values({{hm_sum_sqr(a, 1), kXSquaredFloat}, {hm_mod(a, 1), std::sqrt(kXSquaredFloat)},
+                 {hm_l2_norm(a, 1), std::sqrt(kXSquaredFloat)}, {hm_dot(a, a, 1), kXSquaredFloat},
+                 {hm_sum_weighted(a, a, 1), kXSquaredFloat}, {hm_dot_withmask(a, a, one, 1), kXSquaredFloat},
+                 // (a b) rounded to float, times m rounded to float: exact here; in double the 2^-24
+                 // term of kX^2 would survive as 3 * 2^-24.
+                 {hm_dot_withmask(a, a, three, 1), 3.0 * kXSquaredFloat},
+                 {hm_dot_weighted(a, a, three, 1), 3.0 * kXSquaredFloat},
+                 // The templates widen first and multiply in double.
+                 {thm_sum_sqr(a, 1), kXSquaredDouble}, {thm_dot(a, a, 1), kXSquaredDouble}});
 }
 
 TEST(HostStatsPrecision, MaskedMeanRoundsTheProductToFloat) {
@@ -180,47 +145,34 @@ TEST(HostStatsPrecision, MaskedMeanRoundsTheProductToFloat) {
   const float x[] = {kX}, m[] = {kX};
   const double mu = kXSquaredFloat / double(kX);
   ASSERT_NE(mu, double(kX));
-  EXPECT_EQ(hm_sum_withmask(x, m, 1), kXSquaredFloat);
-  EXPECT_EQ(hm_sumf_weighted(x, m, 1), float(kXSquaredFloat));
-  EXPECT_EQ(hm_mean_withmask(x, m, 1), mu);
-  EXPECT_EQ(hm_meanf_withmask(x, m, 1), float(mu));
   float out[1];
   hm_normz_mean_withmask(out, x, m, 1, 0.0f);
-  EXPECT_EQ(out[0], float(double(kX) - mu + 0.0));
   EXPECT_NE(out[0], 0.0f);
+  expect_values({{hm_sum_withmask(x, m, 1), kXSquaredFloat}, {hm_sumf_weighted(x, m, 1), float(kXSquaredFloat)},
+                 {hm_mean_withmask(x, m, 1), mu}, {hm_meanf_withmask(x, m, 1), float(mu)},
+                 {out[0], float(double(kX) - mu + 0.0)}});
 }
 
-TEST(HostStatsPrecision, CccNormProductInFloatSquaresInDouble) {
+TEST(HostStatsPrecision, CccNormProductInFloatSquaresInDoubleAndLpNormRootInDouble) {
   // sab = float(kX^2) = 1 + 2^-11, saa = sbb = kX^2 exact; the ratio is 1 - 0.9995 * 2^-24,
   // which rounds to the float below 1. All-float or all-double arithmetic would give 1.
-  const float a[] = {kX};
-  const float expected = std::nextafter(1.0f, 0.0f);
-  EXPECT_EQ(hm_ccc_norm(a, a, 1), expected);
-  EXPECT_EQ(static_cast<float>(kXSquaredFloat / std::sqrt(kXSquaredDouble * kXSquaredDouble)), expected);
-  const float p[] = {1, 2}, q[] = {2, 1};
+  const float a[] = {kX}, p[] = {1, 2}, q[] = {2, 1}, t[] = {3, -4}, b[] = {1, -2};
+  EXPECT_EQ(hm_ccc_norm(a, a, 1), std::nextafter(1.0f, 0.0f));
   EXPECT_EQ(hm_ccc_norm(p, q, 2), 0.8f);  // 4 / sqrt(5 * 5)
-}
-
-TEST(HostStatsPrecision, LpNormTermsInFloatRootInDouble) {
-  const float a[] = {3, -4}, b[] = {1, -2};
-  EXPECT_EQ(hm_lp_norm(a, 2, 2.0f), 5.0);
-  // 1 + 8 = 9, then 9^(1/3) with 1/3 in double.
+  // Lp terms in float, the root in double: 1 + 8 = 9, then 9^(1/3) with 1/3 in double.
+  EXPECT_EQ(hm_lp_norm(t, 2, 2.0f), 5.0);
   const double v = hm_lp_norm(b, 2, 3.0f);
   EXPECT_DOUBLE_EQ(v, std::cbrt(9.0));
   EXPECT_GT(std::fabs(v - std::pow(9.0, static_cast<double>(1.0f / 3.0f))), 1e-9);
   EXPECT_EQ(hm_lp_normf(b, 2, 3.0f), static_cast<float>(std::cbrt(9.0)));
 }
 
-// ---------------------------------------------------------------------------------------------
-// Deviations and rounding points
-
 TEST(HostStatsPrecision, VarianceIsTwoPassWithDoubleDeviations) {
   // One pass (mean of squares minus squared mean) loses the 2/3 beside 1e12.
-  const float a[] = {1000001, 1000002, 1000003};
+  const float a[] = {1000001, 1000002, 1000003}, b[] = {0, 0, 1};
   EXPECT_EQ(hm_variance(a, 3), 2.0 / 3.0);
   EXPECT_EQ(hm_svariance(a, 3), 1.0);
   // 0, 0, 1: mean 1/3, variance 2/9. Deviations in float would be off by ~1e-8 relative.
-  const float b[] = {0, 0, 1};
   EXPECT_DOUBLE_EQ(hm_variance(b, 3), 2.0 / 9.0);
   const float third = 1.0f / 3.0f, two_thirds = 2.0f / 3.0f;
   EXPECT_GT(std::fabs((2.0 * third * third + double(two_thirds) * two_thirds) / 3.0 - 2.0 / 9.0), 1e-12);
@@ -230,57 +182,43 @@ TEST(HostStatsPrecision, StdvfAndL2NormfTakeFloatRootsOfFloatValues) {
   // 0, 2, 5: variance 38/9. sqrtf(float(38/9)) = 2.0548048 but float(sqrt(38/9)) = 2.05480456.
   const float a[] = {0, 2, 5};
   const double var = 38.0 / 9.0;
-  const float float_root = std::sqrt(static_cast<float>(var));
-  const float rounded_root = static_cast<float>(std::sqrt(var));
+  const float float_root = std::sqrt(static_cast<float>(var)), rounded_root = static_cast<float>(std::sqrt(var));
   ASSERT_NE(float_root, rounded_root);
-  EXPECT_EQ(hm_stdvf(a, 3), float_root);
-  EXPECT_EQ(hm_variancef(a, 3), static_cast<float>(var));
-  EXPECT_EQ(hm_sstdvf(a, 3), std::sqrt(static_cast<float>(19.0 / 3.0)));  // variance 38/6
   // hm_mean_stdvf is not among the exceptions: its sd is the double root, rounded once.
-  float mean, sd, mx, mn;
+  float mean, sd, mean2, sd2, mx, mn;
   hm_mean_stdvf(a, 3, mean, sd);
-  EXPECT_EQ(std::make_pair(mean, sd), std::make_pair(static_cast<float>(7.0 / 3.0), rounded_root));
-  hm_mean_stdv_max_minf(a, 3, mean, sd, mx, mn);
-  EXPECT_EQ(sd, rounded_root);
-  EXPECT_EQ(std::make_pair(mx, mn), std::make_pair(5.0f, 0.0f));
-
+  hm_mean_stdv_max_minf(a, 3, mean2, sd2, mx, mn);
   // So do the f norms: 0.1f, 1.1f.
   const float b[] = {0x1.99999ap-4f, 0x1.19999ap+0f};
-  const float s0 = b[0] * b[0], s1 = b[1] * b[1];
-  const double sum = static_cast<double>(s0) + static_cast<double>(s1);
+  const double sum = static_cast<double>(b[0] * b[0]) + static_cast<double>(b[1] * b[1]);
   const float sum_root = std::sqrt(static_cast<float>(sum));
   ASSERT_NE(sum_root, static_cast<float>(std::sqrt(sum)));
-  EXPECT_EQ(hm_l2_normf(b, 2), sum_root);
-  EXPECT_EQ(hm_modf(b, 2), sum_root);
-  EXPECT_EQ(hm_sum_sqrf(b, 2), static_cast<float>(sum));
+  expect_values({{hm_stdvf(a, 3), float_root}, {hm_variancef(a, 3), static_cast<float>(var)},
+                 {hm_sstdvf(a, 3), std::sqrt(static_cast<float>(19.0 / 3.0))},  // variance 38/6
+                 {mean, static_cast<float>(7.0 / 3.0)}, {sd, rounded_root}, {sd2, rounded_root}, {mx, 5.0}, {mn, 0.0},
+                 {hm_l2_normf(b, 2), sum_root}, {hm_modf(b, 2), sum_root}, {hm_sum_sqrf(b, 2), static_cast<float>(sum)}});
 }
-
-// ---------------------------------------------------------------------------------------------
-// Normalisation: hm_normz in double, cpu_znorm in float
 
 TEST(HostStatsNormz, NormzIsDoubleAndCpuZnormIsFloat) {
   const std::vector<float> in = test_data(1000);
   const unsigned long n = in.size();
   const float sigma = 1.5f, target_mean = 0.25f;
   // hm_normz: mean and two-pass sd in double, k in double, (x - m) k + mean in double.
-  double s = 0, q = 0;
+  double s = 0, q = 0, q2 = 0;
   for (float x : in) s += x;
   const double m = s / n;
-  for (float x : in) q += (double(x) - m) * (double(x) - m);
-  const double k = double(sigma) / std::sqrt(q / n);
   // cpu_znorm: m rounded to float and subtracted in float, squares in float summed in double,
   // sd and k in float, x k + mean in float.
   const float mf = float(m);
-  double q2 = 0;
-  for (float x : in) q2 += double((x - mf) * (x - mf));
+  for (float x : in) q += (double(x) - m) * (double(x) - m), q2 += double((x - mf) * (x - mf));
+  const double k = double(sigma) / std::sqrt(q / n);
   const float kf = sigma / float(std::sqrt(q2 / n));
-  std::vector<float> want_double(n), want_float(n);
+  std::vector<float> want_double(n), want_float(n), a = in, b = in, out(n);
   for (unsigned long i = 0; i < n; ++i) {
     want_double[i] = float((double(in[i]) - m) * k + double(target_mean));
     const float scaled = (in[i] - mf) * kf;
     want_float[i] = scaled + target_mean;
   }
-  std::vector<float> a = in, b = in, out(n);
   hm_normz(out.data(), in.data(), n, sigma, target_mean);  // sigma, then the mean
   hm_normz_inplace(a.data(), n, sigma, target_mean);
   cpu_znorm_inplace(b.data(), n, sigma, target_mean);
@@ -326,16 +264,13 @@ TEST(HostStatsNormz, SoftMaskWeightsTheStatistics) {
   const float x[] = {2, 4, 100, -100}, m[] = {0.25f, 0.25f, 0, 0};
   float out[4];
   const std::string text = printed([&] {
-    EXPECT_EQ(hm_mean_withmask(x, m, 4), 3.0);
-    EXPECT_EQ(hm_meanf_weighted(x, m, 4), 3.0f);
-    EXPECT_EQ(hm_sum_check0(m, 4), 0.5);
+    expect_values({{hm_mean_withmask(x, m, 4), 3.0}, {hm_meanf_weighted(x, m, 4), 3.0}, {hm_sum_check0(m, 4), 0.5}});
     hm_normz_withmask(out, x, m, 4, 2.0f, 1.0f);  // (x - 3) * 2 + 1 everywhere, also outside the mask
     EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{-1, 3, 195, -205}));
     hm_normz_withmask_applymask(out, x, m, 4, 2.0f, 1.0f);
     EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{-0.25f, 0.75f, 0, 0}));
   });
   EXPECT_EQ(text, "");
-
 }
 
 TEST(HostStatsNormz, MaskedStatisticsInDoubleOnRandomData) {
@@ -363,40 +298,32 @@ TEST(HostStatsNormz, MaskedStatisticsInDoubleOnRandomData) {
 
 TEST(HostStatsNormz, SmallMaskSumsWarnAndGoOn) {
   // The full report of an all-zero mask, once, and NaN values.
-  float a[] = {1, 2, 3, 4};
-  const float zeros[] = {0, 0, 0, 0};
+  float a[] = {1, 2, 3, 4}, b[] = {42.0f};
+  const float zeros[] = {0, 0, 0, 0}, neg[] = {-1.0f, 0.5f}, tiny[] = {5e-7f}, big[] = {1e-6f, 1e-6f};
+  const float one_two[] = {1, 2};
   std::string out = printed([&] { hm_normz_withmask_applymask_inplace(a, zeros, 4, 1.0f, 0.0f); });
-  EXPECT_EQ(count_of(out, kMaskWarning), 1) << out;
+  EXPECT_EQ(warnings(out), 1) << out;
   EXPECT_EQ(out.rfind("\033[43mWarning in function hm_sum_check0(), file src/math_utils on line ", 0), 0u) << out;
   const std::string tail = ":Too small sum of mask!!\n\033[m";
   ASSERT_GE(out.size(), tail.size());
   EXPECT_EQ(out.substr(out.size() - tail.size()), tail);
   for (float x : a) EXPECT_TRUE(std::isnan(x));
-
-  // Negative, and positive below 1e-6, warn; 2e-6 does not.
-  const float neg[] = {-1.0f, 0.5f}, tiny[] = {5e-7f}, big[] = {1e-6f, 1e-6f};
+  // Negative, and positive below 1e-6, warn once each; 2e-6 does not. A zero-weight mean goes on
+  // with the small sum (non-finite, no abort); an empty normalisation warns and touches nothing.
   out = printed([&] { EXPECT_EQ(hm_sum_check0(neg, 2), -0.5); });
-  EXPECT_EQ(count_of(out, kMaskWarning), 1) << out;
+  EXPECT_EQ(warnings(out), 1) << out;
   out = printed([&] { EXPECT_EQ(hm_sum_check0(tiny, 1), double(5e-7f)); });
-  EXPECT_EQ(count_of(out, kMaskWarning), 1) << out;
+  EXPECT_EQ(warnings(out), 1) << out;
   EXPECT_EQ(printed([&] { hm_sum_check0(big, 2); }), "");
   out = printed([&] { EXPECT_EQ(hm_sumf_check0(zeros, 1), 0.0f); });
   EXPECT_NE(out.find("Warning in function hm_sumf_check0(), file src/math_utils on line "), std::string::npos);
-  EXPECT_NE(out.find(":Too small sum of mask!!\n\033[m"), std::string::npos) << out;
-
-  // A zero-weight mean goes on with the small sum: non-finite, no abort.
-  const float one_two[] = {1, 2};
+  EXPECT_NE(out.find(tail), std::string::npos) << out;
   out = printed([&] { EXPECT_TRUE(std::isnan(hm_mean_withmask(one_two, zeros, 2))); });
-  EXPECT_EQ(count_of(out, kMaskWarning), 1) << out;
-  // An empty normalisation warns and touches nothing.
-  float b[] = {42.0f};
+  EXPECT_EQ(warnings(out), 1) << out;
   out = printed([&] { hm_normz_withmask_applymask_inplace(b, zeros, 0, 1.0f, 0.0f); });
-  EXPECT_EQ(count_of(out, kMaskWarning), 1);
+  EXPECT_EQ(warnings(out), 1);
   EXPECT_EQ(b[0], 42.0f);
 }
-
-// ---------------------------------------------------------------------------------------------
-// Running moments and correlation
 
 TEST(HostStatsMoments, UpdateByOneMoreSumsInFloat) {
   // 1, 2, 3 has mean 2 and sd sqrt(2/3); with 4 added: mean 2.5, sd sqrt(1.25).
@@ -404,7 +331,6 @@ TEST(HostStatsMoments, UpdateByOneMoreSumsInFloat) {
   EXPECT_EQ(hm_update_mean_stdv_by_one_more(mean, sd, 3, 4.0f), 2.5f);
   EXPECT_EQ(mean, 2.5f);
   EXPECT_NEAR(sd, std::sqrt(1.25), 1e-6);
-
   // mean 1 + 0.001 (float), n 2, x 0.1f: the float sum mean n + x rounds so that the new mean
   // is 0.700666666 where a double sum would give 0.700666726.
   const float mean0 = 0x1.00418ap+0f, x = 0.1f, sd0 = 0.5f;
@@ -435,9 +361,6 @@ TEST(HostStatsCcc, ZnormRemovesMeanAndScale) {
   expect_mean_sd(ai, 0.0, 1.0, 1e-6);
   expect_mean_sd(bi, 0.0, 1.0, 1e-6);
 }
-
-// ---------------------------------------------------------------------------------------------
-// Element-wise: float arithmetic, one rounding per operation
 
 bool same_bits(float a, float b) { return (std::isnan(a) && std::isnan(b)) || std::memcmp(&a, &b, sizeof a) == 0; }
 
@@ -531,68 +454,48 @@ TEST(HostStatsElementwise, SigTanhfLastProductInDouble) {
   EXPECT_NEAR(o, 1.0819767e-4f, 1e-9f);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Extremes and peaks
-
-TEST(HostStatsExtremes, ValuesAndIndicesInTheOrderOfTheName) {
-  // Equal extremes: the first wins.
-  const float a[] = {2, 9, -4, 9, -4, 1};
-  const float mean = float(13.0 / 6.0);
-  float v1, v2, v3;
-  unsigned long i1, i2;
-  EXPECT_EQ(hm_max_value(a, 6), 9.0f);
-  EXPECT_EQ(hm_min_value(a, 6), -4.0f);
-  EXPECT_EQ(hm_max_index(a, 6), 1ul);
-  EXPECT_EQ(hm_min_index(a, 6), 2ul);
-  hm_max_min_value(a, 6, v1, v2);
-  EXPECT_EQ(std::make_pair(v1, v2), std::make_pair(9.0f, -4.0f));
-  hm_min_max_value(a, 6, v1, v2);
-  EXPECT_EQ(std::make_pair(v1, v2), std::make_pair(-4.0f, 9.0f));
-  hm_max_min_index(a, 6, i1, i2);
-  EXPECT_EQ(std::make_pair(i1, i2), std::make_pair(1ul, 2ul));
-  hm_min_max_index(a, 6, i1, i2);
-  EXPECT_EQ(std::make_pair(i1, i2), std::make_pair(2ul, 1ul));
-  hm_max_min_mean_value(a, 6, v1, v2, v3);
-  EXPECT_EQ(std::vector<float>({v1, v2, v3}), std::vector<float>({9.0f, -4.0f, mean}));
-  hm_min_max_mean(a, 6, v1, v2, v3);
-  EXPECT_EQ(std::vector<float>({v1, v2, v3}), std::vector<float>({-4.0f, 9.0f, mean}));
-  hm_max_value_and_index(a, 6, v1, i1);
-  EXPECT_EQ(std::make_pair(v1, i1), std::make_pair(9.0f, 1ul));
-  hm_min_value_and_index(a, 6, v1, i1);
-  EXPECT_EQ(std::make_pair(v1, i1), std::make_pair(-4.0f, 2ul));
-  hm_max_min_value_and_index(a, 6, v1, v2, i1, i2);
-  EXPECT_EQ(std::make_tuple(v1, v2, i1, i2), std::make_tuple(9.0f, -4.0f, 1ul, 2ul));
-  hm_min_max_value_and_index(a, 6, v1, v2, i1, i2);
-  EXPECT_EQ(std::make_tuple(v1, v2, i1, i2), std::make_tuple(-4.0f, 9.0f, 2ul, 1ul));
-
-  // No element gives index 0; one element is max, min and mean.
-  EXPECT_EQ(hm_max_index(a, 0), 0ul);
-  EXPECT_EQ(hm_min_index(a, 0), 0ul);
-  i1 = i2 = 9;
-  hm_max_min_index(a, 0, i1, i2);
-  EXPECT_EQ(std::make_pair(i1, i2), std::make_pair(0ul, 0ul));
-  hm_max_min_mean(a + 1, 1, v1, v2, v3);
-  EXPECT_EQ(std::vector<float>({v1, v2, v3}), std::vector<float>({9.0f, 9.0f, 9.0f}));
+// Runs f(a, n, outputs...) and returns the outputs widened to double, in the order of the call.
+template <class... T, class F>
+std::vector<double> outs(F f, const float* a, unsigned long n) {
+  std::tuple<T...> o;
+  std::apply([&](T&... r) { f(a, n, r...); }, o);
+  return std::apply([](T... r) { return std::vector<double>{double(r)...}; }, o);
 }
 
-TEST(HostStatsExtremes, MeanSumsInDoubleAndNaNIsPassedOverUnlessFirst) {
-  // 2^24 + 1 + 1 = 16777218 in double, / 3 = 5592406 exactly. A float sum would stay at 2^24
-  // and give 5592405.5.
-  const float a[] = {0x1p24f, 1, 1};
-  float mx, mn, mean;
-  hm_max_min_mean(a, 3, mx, mn, mean);
-  EXPECT_EQ(std::vector<float>({mx, mn, mean}), std::vector<float>({0x1p24f, 1.0f, 5592406.0f}));
-  hm_min_max_mean_value(a, 3, mn, mx, mean);
-  EXPECT_EQ(std::vector<float>({mx, mn, mean}), std::vector<float>({0x1p24f, 1.0f, 5592406.0f}));
-
-  const float nan = std::numeric_limits<float>::quiet_NaN();
-  const float inner[] = {1, nan, 3, -2}, first[] = {nan, 1, 3};
-  hm_max_min_mean(inner, 4, mx, mn, mean);
-  EXPECT_EQ(std::make_pair(mx, mn), std::make_pair(3.0f, -2.0f));
-  EXPECT_TRUE(std::isnan(mean));
+TEST(HostStatsExtremes, ValuesAndIndicesInTheOrderOfTheNameMeanInDouble) {
+  // Equal extremes: the first wins. 2^24 + 1 + 1 = 16777218 in double, / 3 = 5592406 exactly; a
+  // float sum would stay at 2^24 and give 5592405.5.
+  const float a[] = {2, 9, -4, 9, -4, 1}, big[] = {0x1p24f, 1, 1};
+  const double mean = float(13.0 / 6.0);
+  using F = float;
+  using U = unsigned long;
+  const std::vector<std::pair<std::vector<double>, std::vector<double>>> checks = {
+      {{hm_max_value(a, 6), hm_min_value(a, 6), double(hm_max_index(a, 6)), double(hm_min_index(a, 6))}, {9, -4, 1, 2}},
+      {outs<F, F>(hm_max_min_value, a, 6), {9, -4}},
+      {outs<F, F>(hm_min_max_value, a, 6), {-4, 9}},
+      {outs<U, U>(hm_max_min_index, a, 6), {1, 2}},
+      {outs<U, U>(hm_min_max_index, a, 6), {2, 1}},
+      {outs<F, F, F>(hm_max_min_mean_value, a, 6), {9, -4, mean}},
+      {outs<F, F, F>(hm_min_max_mean, a, 6), {-4, 9, mean}},
+      {outs<F, U>(hm_max_value_and_index, a, 6), {9, 1}},
+      {outs<F, U>(hm_min_value_and_index, a, 6), {-4, 2}},
+      {outs<F, F, U, U>(hm_max_min_value_and_index, a, 6), {9, -4, 1, 2}},
+      {outs<F, F, U, U>(hm_min_max_value_and_index, a, 6), {-4, 9, 2, 1}},
+      // No element gives index 0; one element is max, min and mean.
+      {{double(hm_max_index(a, 0)), double(hm_min_index(a, 0))}, {0, 0}},
+      {outs<U, U>(hm_max_min_index, a, 0), {0, 0}},
+      {outs<F, F, F>(hm_max_min_mean, a + 1, 1), {9, 9, 9}},
+      {outs<F, F, F>(hm_max_min_mean, big, 3), {0x1p24, 1, 5592406}},
+      {outs<F, F, F>(hm_min_max_mean_value, big, 3), {1, 0x1p24, 5592406}},
+  };
+  for (size_t k = 0; k < checks.size(); ++k) EXPECT_EQ(checks[k].first, checks[k].second) << "check " << k;
+  // NaN is passed over unless it comes first.
+  const float inner[] = {1, kNaN, 3, -2}, first[] = {kNaN, 1, 3};
+  const std::vector<double> in = outs<F, F, F>(hm_max_min_mean, inner, 4), fi = outs<F, F, F>(hm_max_min_mean, first, 3);
+  EXPECT_EQ(std::make_pair(in[0], in[1]), std::make_pair(3.0, -2.0));
+  EXPECT_TRUE(std::isnan(in[2]));
+  EXPECT_TRUE(std::isnan(fi[0]) && std::isnan(fi[1]));
   EXPECT_EQ(hm_max_index(inner, 4), 2ul);
-  hm_max_min_mean(first, 3, mx, mn, mean);
-  EXPECT_TRUE(std::isnan(mx) && std::isnan(mn));
   EXPECT_EQ(hm_max_index(first, 3), 0ul);
 }
 
@@ -619,21 +522,18 @@ TEST(HostStatsPeaks, MakeMaskClearsTheDownhillFlanks) {
 }
 
 TEST(HostStatsPeaks, IndicesHighestFirstWithTheEndForMissingPeaks) {
-  // Peaks 9 at 6, 8 at 2, 4 at 9 and 4 at 10: a plateau stops the flank walk.
+  // Peaks 9 at 6 (clears 4..8: right 9 > 3 > 0, then 4; left 9 > 2 > 1, then 5), 8 at 2 (clears
+  // 0..4), then the first of the equal 4s, whose right walk stops at the equal 4, then the
+  // second 4, not cleared by the first; then the end.
   const float a[] = {0, 5, 8, 5, 1, 2, 9, 3, 0, 4, 4, 0};
-  unsigned long idx[5];
-  peak_indices(a, 12, idx, 5);
-  EXPECT_EQ(idx[0], 6ul);   // clears 4..8: right 9 > 3 > 0, then 4; left 9 > 2 > 1, then 5
-  EXPECT_EQ(idx[1], 2ul);   // clears 0..4: right 8 > 5 > 1, then 2; left 8 > 5 > 0
-  EXPECT_EQ(idx[2], 9ul);   // the first of the equal 4s; its right walk stops at the equal 4
-  EXPECT_EQ(idx[3], 10ul);  // the second 4, not cleared by the first
-  EXPECT_EQ(idx[4], 12ul);
+  std::vector<unsigned long> idx(5);
+  peak_indices(a, 12, idx.data(), 5);
+  EXPECT_EQ(idx, (std::vector<unsigned long>{6, 2, 9, 10, 12}));
   // Peak 3 clears 2..4, peak 1 clears 0..2: nothing is left for the third and fourth.
   const float b[] = {0, 1, 0, 2, 0};
-  unsigned long more[4] = {99, 99, 99, 99};
-  peak_indices(b, 5, more, 4);
-  EXPECT_EQ(std::vector<unsigned long>(more, more + 4), (std::vector<unsigned long>{3, 1, 5, 5}));
-
+  std::vector<unsigned long> more(4, 99);
+  peak_indices(b, 5, more.data(), 4);
+  EXPECT_EQ(more, (std::vector<unsigned long>{3, 1, 5, 5}));
   // One at a time: cleared places are skipped, the first of equals wins, none left gives n.
   const float c[] = {5, 1, 7, 7, 2};
   int mask[] = {1, 1, 1, 1, 1}, none[] = {0, 0, 0, 0, 0};
@@ -644,48 +544,32 @@ TEST(HostStatsPeaks, IndicesHighestFirstWithTheEndForMissingPeaks) {
   EXPECT_EQ(peak_index_masked(c, none, 0), 0ul);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Templates
-
-// Each element type at the edge of its range: a sum or product in the element type would wrap.
 TEST(HostStatsTemplates, AllElementTypesWidenBeforeArithmetic) {
+  // Each element type at the edge of its range: a sum or product in the element type would wrap.
   const unsigned char uc[] = {200, 200, 255};
-  EXPECT_EQ(thm_sum(uc, 3), 655.0);
-  EXPECT_EQ(thm_sum_sqr(uc, 3), 40000.0 + 40000.0 + 65025.0);
-  EXPECT_EQ(thm_dot(uc, uc, 3), 145025.0);
   const short s[] = {-30000, 30000, 300};
-  EXPECT_EQ(thm_sum_sqr(s, 3), 1800090000.0);
   const int big[] = {2000000000, 2000000000};
-  EXPECT_EQ(thm_sum(big, 2), 4000000000.0);
-  EXPECT_EQ(thm_dot(big, big, 2), 8e18);
   const unsigned long ul[] = {1ul << 60, 1ul << 60};
-  EXPECT_EQ(thm_sum(ul, 2), 0x1p61);
   const char c[] = {-3, 5};
-  EXPECT_EQ(thm_mean(c, 2), 1.0);
+  expect_values({{thm_sum(uc, 3), 655.0}, {thm_sum_sqr(uc, 3), 40000.0 + 40000.0 + 65025.0},
+                 {thm_dot(uc, uc, 3), 145025.0}, {thm_sum_sqr(s, 3), 1800090000.0}, {thm_sum(big, 2), 4000000000.0},
+                 {thm_dot(big, big, 2), 8e18}, {thm_sum(ul, 2), 0x1p61}, {thm_mean(c, 2), 1.0}});
 }
 
 TEST(HostStatsTemplates, X1dSubConvertsToTheOutputTypeFirst) {
   const double a_d[] = {1.0 + 0x1p-30, 0.1}, b_d[] = {1.0, 0.1};
   const float a_f[] = {1.0f, 0.1f}, b_f[] = {1.0f, 0.1f};
-  float of[2];
-  double od[2];
+  float of[2], of2[2], f1[] = {1.0f, 0.1f};
+  double od[2], od2[2], d1[] = {1.0 + 0x1p-30, 0.1};
   thm_x1d_sub(of, a_d, b_d, 2);  // float(1 + 2^-30) = 1, so 0; not float(2^-30)
-  EXPECT_EQ(of[0], 0.0f);
   thm_x1d_sub(od, a_f, b_d, 2);
-  EXPECT_EQ(od[1], double(0.1f) - 0.1);
-  EXPECT_NE(od[1], 0.0);
-  thm_x1d_sub(of, a_f, b_d, 2);  // float(0.1) = 0.1f: 0
-  EXPECT_EQ(of[1], 0.0f);
-  thm_x1d_sub(od, a_d, b_f, 2);
-  EXPECT_EQ(od[1], 0.1 - double(0.1f));
-
-  float f1[] = {1.0f, 0.1f};
+  thm_x1d_sub(of2, a_f, b_d, 2);  // float(0.1) = 0.1f: 0
+  thm_x1d_sub(od2, a_d, b_f, 2);
   thm_x1d_sub_inplace(f1, b_d, 2);
-  EXPECT_EQ(f1[1], 0.0f);
-  double d1[] = {1.0 + 0x1p-30, 0.1};
   thm_x1d_sub_inplace(d1, b_f, 2);
-  EXPECT_EQ(d1[0], 0x1p-30);
-  EXPECT_EQ(d1[1], 0.1 - double(0.1f));
+  EXPECT_NE(od[1], 0.0);
+  expect_values({{of[0], 0.0}, {od[1], double(0.1f) - 0.1}, {of2[1], 0.0}, {od2[1], 0.1 - double(0.1f)}, {f1[1], 0.0},
+                 {d1[0], 0x1p-30}, {d1[1], 0.1 - double(0.1f)}});
 }
 
 }  // namespace

@@ -135,30 +135,21 @@ TEST(TreeSum, SingleElementTurnsNegativeZeroPositiveUnlessInPlace) {
   EXPECT_SAME_FLOAT(-0.0f, neg_zero.host()[0]);
 }
 
-TEST(TreeSum, FiveElementsFoldByFourTwoOne) {
+TEST(TreeSum, HandWorkedOrders) {
+  // Five elements fold by 4, 2, 1: an order a left-to-right sum does not share.
   const Floats x = {1.0e8f, 3.0f, 5.0f, 3.0f, 5.0f};
   const float expected = ((x[0] + x[4]) + x[2]) + (x[1] + x[3]);
   ASSERT_NE(bits(expected), bits(sequential_sum(x))) << "input does not tell the orders apart";
   DeviceArray d(x);
   EXPECT_SAME_FLOAT(expected, hcuda_fast_sum(d.get(), 5, 1024));
-  const Floats r = mixed_values(5, 7);
-  DeviceArray dr(r);
-  EXPECT_SAME_FLOAT(((r[0] + r[4]) + r[2]) + (r[1] + r[3]), hcuda_fast_sum(dr.get(), 5, 1024));
-}
-
-TEST(TreeSum, ThreadZeroAlonePairsAcrossTheBlock) {
   // n = 1025: x[0] meets x[1024] before anything else. With 1e8 there, both 4.0 vanish one by
   // one (a tie rounds to the even 1e8); added to each other first, they would survive.
-  Floats x(1025, 0.0f);
-  x[0] = 1.0e8f;
-  x[1024] = 4.0f;
-  x[512] = 4.0f;
-  DeviceArray d(x);
-  EXPECT_SAME_FLOAT(1.0e8f, hcuda_fast_sum(d.get(), x.size(), 1024));
-  EXPECT_SAME_FLOAT(1.0e8f + 8.0f, (x[1024] + x[512]) + x[0]);
-}
-
-TEST(TreeSum, SmallValueSurvivesOrVanishesByTreePosition) {
+  Floats y(1025, 0.0f);
+  y[0] = 1.0e8f;
+  y[1024] = y[512] = 4.0f;
+  ASSERT_EQ(1.0e8f + 8.0f, (y[1024] + y[512]) + y[0]);
+  DeviceArray dy(y);
+  EXPECT_SAME_FLOAT(1.0e8f, hcuda_fast_sum(dy.get(), y.size(), 1024));
   // Ones on odd positions add up among themselves before they meet 1e8 at the last step; ones
   // paired with 1e8 (position 0 with 1024) or folded onto it early disappear. A left-to-right
   // sum gets both the other way round. The neighbours-first tree loses the odd ones too: each
@@ -173,12 +164,16 @@ TEST(TreeSum, SmallValueSurvivesOrVanishesByTreePosition) {
   EXPECT_EQ(100000008.0f, hcuda_fast_sum(ds.get(), 2048, 1024));
   EXPECT_EQ(1.0e8f, hcuda_fast_sum(dv.get(), 2048, 1024));
   EXPECT_EQ(1.0e8f, hcuda_fast_sum1(ds.get(), 1024, 1024));
+  // The neighbours-first tree pairs neighbours before halves.
+  const Floats four = {1.0e8f, 5.0f, 3.0f, 5.0f};
+  DeviceArray d4(four);
+  EXPECT_SAME_FLOAT((four[3] + four[2]) + (four[1] + four[0]), hcuda_fast_sum1(d4.get(), 4, 4));
 }
 
 TEST(TreeSum, AllVariantsAgreeWithReferenceAtBlockEdgesForSeveralBlockSizes) {
   // Sizes around the edges of blocks of 1024 threads (2048 elements) among them.
   for (unsigned block : {1024u, 256u, 32u, 2u, 1u}) {
-    for (std::size_t n : {1, 2, 3, 64, 65, 1000, 1023, 1024, 1025, 2047, 2048, 2049, 4097, 5000}) {
+    for (std::size_t n : {1, 2, 3, 5, 64, 65, 1000, 1023, 1024, 1025, 2047, 2048, 2049, 4097, 5000}) {
       const Floats x = mixed_values(n, static_cast<unsigned>(n * 31 + block));
       const float expected = ref_sum8(x, block);
       DeviceArray a(x), b(x), c(x);
@@ -187,7 +182,7 @@ TEST(TreeSum, AllVariantsAgreeWithReferenceAtBlockEdgesForSeveralBlockSizes) {
       EXPECT_EQ(a.host(), x) << "hcuda_fast_sum changed its input";
       // At 2049 the second block holds element 2048 alone; the second pass adds it last.
       if (n == 2049 && block == 1024) {
-        EXPECT_SAME_FLOAT(x[2048] + ref_sum8(Floats(x.begin(), x.begin() + 2048)), hcuda_fast_sum(a.get(), n, B));
+        EXPECT_SAME_FLOAT(x[2048] + ref_sum8(Floats(x.begin(), x.begin() + 2048)), expected);
       }
       // The buffer is the callee's to free.
       EXPECT_SAME_FLOAT(expected, hcuda_fast_sum8_buf(a.get(), n, B, to_device(Floats(n, 0.0f)))) << n << " " << block;
@@ -202,11 +197,10 @@ TEST(TreeSum, AllVariantsAgreeWithReferenceAtBlockEdgesForSeveralBlockSizes) {
 TEST(TreeSum, InPlacePassesOverManyBlocksReadBeforeTheyWrite) {
   // With B = 4 a block takes 8 elements: the first in-place pass over 1000 elements runs 125
   // blocks whose sums land inside the range that block 0 and the blocks after it still read.
-  const Floats x = mixed_values(1000, 3);
+  const Floats x = mixed_values(1000, 3), expected = ref_inplace_contents(x, 4);
   DeviceArray d(x), e(x);
   EXPECT_SAME_FLOAT(ref_sum8(x, 4), hcuda_fast_sum_inplace(d.get(), x.size(), 4));
   EXPECT_SAME_FLOAT(ref_sum8(x, 4), hcuda_fast_sum8_inplace1(e.get(), x.size(), 4));
-  const Floats expected = ref_inplace_contents(x, 4);
   EXPECT_EQ(0, std::memcmp(expected.data(), d.host().data(), x.size() * sizeof(float)));
   EXPECT_EQ(0, std::memcmp(expected.data(), e.host().data(), x.size() * sizeof(float)));
 }
@@ -230,10 +224,7 @@ TEST(TreeSum, BlockSizeMustBeAPowerOfTwoUpTo1024) {
 
 // ---- Neighbours first -------------------------------------------------------------------
 
-TEST(NeighboursFirstSum, PairsNeighboursBeforeHalvesAndMatchesReference) {
-  const Floats four = {1.0e8f, 5.0f, 3.0f, 5.0f};
-  DeviceArray d(four);
-  EXPECT_SAME_FLOAT((four[3] + four[2]) + (four[1] + four[0]), hcuda_fast_sum1(d.get(), 4, 4));
+TEST(NeighboursFirstSum, MatchesReferenceAndOnePassWritesBlockSums) {
   for (unsigned block : {1024u, 64u, 2u}) {
     for (std::size_t n : {1, 2, 1023, 1025, 3000}) {
       const Floats x = mixed_values(n, static_cast<unsigned>(n + block));
@@ -245,11 +236,7 @@ TEST(NeighboursFirstSum, PairsNeighboursBeforeHalvesAndMatchesReference) {
       }
     }
   }
-}
-
-TEST(NeighboursFirstSum, OnePassWritesBlockSums) {
-  const Floats x = mixed_values(3000, 9);
-  const Floats expected = ref_sum1_pass(x, 256);
+  const Floats x = mixed_values(3000, 9), expected = ref_sum1_pass(x, 256);
   DeviceArray in(x), out(Floats(x.size(), -7.0f)), inplace(x);
   hcuda_reduce_data_for_sum1(in.get(), out.get(), x.size(), 256);
   hcuda_reduce_data_for_sum1_inplace(inplace.get(), x.size(), 256);
@@ -280,36 +267,26 @@ TEST(DotProduct, FusedTreePassFoldsProductsIntoPairs) {
   const Floats a = mixed_values(3000, 3), b = mixed_values(3000, 4);
   DeviceArray da(a), db(b);
   pk::reduce::dot7t_pass_inplace(da.get(), db.get(), a.size());
-  // Block 0 pairs i with i + 1024 by one multiply-add; block 1 covers 2048 .. 2999.
-  Floats pairs(2048, 0.0f);
-  for (std::size_t t = 0; t < 1024; ++t) pairs[t] = std::fmaf(a[t + 1024], b[t + 1024], a[t] * b[t]);
-  Floats tail(a.size() - 2048);
-  for (std::size_t i = 0; i < tail.size(); ++i) tail[i] = a[2048 + i] * b[2048 + i];
-  // With the pairs already formed, block 0 is the plain halving of 1024 partial sums.
-  Floats partial(pairs.begin(), pairs.begin() + 1024);
+  // Block 0 pairs i with i + 1024 by one multiply-add, then halves the 1024 partial sums;
+  // block 1 covers 2048 .. 2999.
+  Floats partial(1024);
+  for (std::size_t t = 0; t < 1024; ++t) partial[t] = std::fmaf(a[t + 1024], b[t + 1024], a[t] * b[t]);
   for (unsigned off = 512; off > 0; off /= 2)
     for (unsigned t = 0; t < off; ++t) partial[t] = partial[t + off] + partial[t];
   const Floats got = da.host();
   EXPECT_SAME_FLOAT(partial[0], got[0]);
-  EXPECT_SAME_FLOAT(ref_sum8_pass(tail, 1024)[0], got[1]);
+  EXPECT_SAME_FLOAT(ref_sum8_pass(products(Floats(a.begin() + 2048, a.end()), Floats(b.begin() + 2048, b.end())), 1024)[0],
+                    got[1]);
 }
 
-// ---- Derived statistics -----------------------------------------------------------------
+// ---- Derived statistics and normalisations ----------------------------------------------
 
-class DerivedStats : public testing::Test {
- protected:
-  void SetUp() override {
-    x = mixed_values(5000, 21);
-    for (auto& v : x) v += 3.0f;
-    m.assign(x.size(), 0.0f);
-    for (std::size_t i = 0; i < m.size(); i += 3) m[i] = 1.0f;
-    for (std::size_t i = 1; i < m.size(); i += 7) m[i] = 1.0f;
-  }
-  Floats x, m;
-};
-
-TEST_F(DerivedStats, SumsFollowTheElementStepThenTheTreeAndDeviationsUseTheTreeMean) {
-  DeviceArray dx(x), dm(m);
+TEST(DerivedStats, SumsFollowTheElementStepThenTheTreeAndDeviationsUseTheTreeMean) {
+  Floats x = mixed_values(5000, 21), m(x.size(), 0.0f);
+  for (auto& v : x) v += 3.0f;
+  for (std::size_t i = 0; i < m.size(); i += 3) m[i] = 1.0f;
+  for (std::size_t i = 1; i < m.size(); i += 7) m[i] = 1.0f;
+  DeviceArray dx(x), dm(m), dz(x), dn(x);
   const std::size_t n = x.size();
   const float sum = ref_sum8(x), wsum = ref_sum8(products(x, m)), msum = ref_sum8(m);
   const float mean = sum / static_cast<float>(n), wmean = wsum / msum;
@@ -335,12 +312,20 @@ TEST_F(DerivedStats, SumsFollowTheElementStepThenTheTreeAndDeviationsUseTheTreeM
   EXPECT_SAME_FLOAT(std::sqrt(ws / msum), hcuda_stdv_withmask(dx.get(), dm.get(), n));
   EXPECT_EQ(dx.host(), x);
   EXPECT_EQ(dm.host(), m);
+  // The z-normalisation rescales with the tree mean by one multiply-add; the masked one takes
+  // its statistics from the mask and rescales every pixel, the unmarked ones too.
+  hcuda_znorm_inplace(dz.get(), n, 2.0f, 0.5f);
+  hcuda_norm_withmask_inplace(dn.get(), dm.get(), n, 1.0f, 0.0f);
+  const Floats z = dz.host(), zm = dn.host();
+  const float scale = 2.0f / std::sqrt(s / static_cast<float>(n)), wscale = 1.0f / std::sqrt(ws / msum);
+  for (std::size_t i = 0; i < n; ++i) {
+    ASSERT_EQ(bits(std::fmaf(x[i] - mean, scale, 0.5f)), bits(z[i])) << i;
+    ASSERT_EQ(bits(std::fmaf(x[i] - wmean, wscale, 0.0f)), bits(zm[i])) << i;
+  }
 }
 
 TEST(DerivedStatsEdge, SumsqrInPlaceLeavesBlockSumsAtTheHeadAndSquaresBehind) {
-  const Floats x = mixed_values(5000, 8);
-  Floats sq(x.size());
-  for (std::size_t i = 0; i < x.size(); ++i) sq[i] = x[i] * x[i];
+  const Floats x = mixed_values(5000, 8), sq = products(x, x);
   ASSERT_EQ(ref_sum8_pass(sq, 1024).size(), 3u);
   DeviceArray d(x);
   EXPECT_SAME_FLOAT(ref_sum8(sq), hcuda_fast_sumsqr_inplace(d.get(), x.size()));
@@ -349,7 +334,7 @@ TEST(DerivedStatsEdge, SumsqrInPlaceLeavesBlockSumsAtTheHeadAndSquaresBehind) {
   EXPECT_EQ(0, std::memcmp(expected.data(), d.host().data(), x.size() * sizeof(float)));
 }
 
-TEST(DerivedStatsEdge, HalfMaskVarianceIsHalfTheSquaredMaskedDeviation) {
+TEST(DerivedStatsEdge, HalfMaskVarianceAndEmptyMask) {
   // Masked values 5 - 3 and 5 + 3, the rest far away: everything below is exact.
   const std::size_t n = 4096;
   Floats x(n, 100.0f), m(n, 0.0f);
@@ -357,48 +342,13 @@ TEST(DerivedStatsEdge, HalfMaskVarianceIsHalfTheSquaredMaskedDeviation) {
     m[i] = 1.0f;
     x[i] = (i / 2) % 2 == 0 ? 2.0f : 8.0f;
   }
-  DeviceArray dx(x), dm(m);
+  DeviceArray dx(x), dm(m), empty(Floats(n, 0.0f));
   const float stdv = hcuda_stdv_withmask(dx.get(), dm.get(), n);
   EXPECT_EQ(3.0f, stdv);
   EXPECT_EQ(0.5f * stdv * stdv, hcuda_variance_withmask(dx.get(), dm.get(), n));
-}
-
-// ---- Normalisations ---------------------------------------------------------------------
-
-TEST_F(DerivedStats, ZNormUsesTreeMeanAndFusedRescale) {
-  const std::size_t n = x.size();
-  const float count = static_cast<float>(n);
-  const float mean = ref_sum8(x) / count;
-  Floats centred(n), sq(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    centred[i] = x[i] - mean;
-    sq[i] = centred[i] * centred[i];
-  }
-  const float scale = 2.0f / std::sqrt(ref_sum8(sq) / count);
-  DeviceArray d(x);
-  hcuda_znorm_inplace(d.get(), n, 2.0f, 0.5f);
-  const Floats got = d.host();
-  for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(bits(std::fmaf(centred[i], scale, 0.5f)), bits(got[i])) << i;
-}
-
-TEST_F(DerivedStats, MaskedNormStatisticsComeFromTheMaskAndApplyToAll) {
-  const std::size_t n = x.size();
-  const float weight = ref_sum8(m);
-  const float mean = ref_sum8(products(x, m)) / weight;
-  Floats dev(n);
-  for (std::size_t i = 0; i < n; ++i) dev[i] = m[i] * ((x[i] - mean) * (x[i] - mean));
-  const float scale = 1.0f / std::sqrt(ref_sum8(dev) / weight);
-  DeviceArray d(x), dm(m);
-  hcuda_norm_withmask_inplace(d.get(), dm.get(), n, 1.0f, 0.0f);
-  const Floats got = d.host();  // every pixel is rescaled, the unmarked ones too
-  for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(bits(std::fmaf(x[i] - mean, scale, 0.0f)), bits(got[i])) << i;
-}
-
-TEST(DerivedStatsEdge, EmptyMaskGivesNoFiniteValue) {
-  const Floats x = mixed_values(100, 4), m(100, 0.0f);
-  DeviceArray dx(x), dm(m);
-  EXPECT_FALSE(std::isfinite(hcuda_mean_withmask(dx.get(), dm.get(), x.size())));
-  hcuda_norm_withmask_inplace(dx.get(), dm.get(), x.size(), 1.0f, 0.0f);
+  // An empty mask gives no finite value.
+  EXPECT_FALSE(std::isfinite(hcuda_mean_withmask(dx.get(), empty.get(), n)));
+  hcuda_norm_withmask_inplace(dx.get(), empty.get(), n, 1.0f, 0.0f);
   for (float v : dx.host()) ASSERT_FALSE(std::isfinite(v));
 }
 
