@@ -44,52 +44,49 @@ PTCL_BOX box_at(int x, int y, int w, int h) {
   return b;
 }
 
-TEST(PtclBox, RecordDefaults) {
-  EXPECT_EQ(fields(PTCL_BOX()), Fields({0, 0, 256, 256, 0, 0, 0, 0}));
-  EXPECT_EQ(fields(one_new_ptcl_box()), Fields({0, 0, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(sizeof(PTCL_BOX), 32u);
-}
-
-TEST(BoxFile, ColumnCountsFourToSeven) {
-  auto boxes = dirty(8);
-  const std::string text =
-      "10 20 30 40\n"
-      "11 21 31 41 0.5\n"
-      "12 22 32 42 0.25 3\n"
-      "13 23 33 43 0.125 4 90.5\n"
-      "14 24 34 44 0.75 5 45.0 extra tokens\n";
-  ASSERT_EQ(read(text, ".box", boxes), 5);
-  EXPECT_EQ(fields(boxes[0]), Fields({10, 20, 30, 40, 0, 0, 0, 0}));
-  EXPECT_EQ(fields(boxes[1]), Fields({11, 21, 31, 41, 0.5, 0, 0, 0}));
-  EXPECT_EQ(fields(boxes[2]), Fields({12, 22, 32, 42, 0.25, 3, 0, 0}));
-  EXPECT_EQ(fields(boxes[3]), Fields({13, 23, 33, 43, 0.125, 4, 90.5, 0}));
-  EXPECT_EQ(fields(boxes[4]), Fields({14, 24, 34, 44, 0.75, 5, 45, 0}));
-  for (int i = 5; i < 8; ++i) EXPECT_EQ(boxes[i].x, 0) << "cleared beyond the rows read";
-}
-
-TEST(BoxFile, ProgramsOwnRows) {
-  char picked[128], rejected[128];
+// One body over the row forms: .box rows of 4 to 7 columns (more are ignored), the program's own
+// picked and rejected rows, blank lines, an empty file, and .star centres with their integer part
+// and the optional columns the picker writes. Records past the rows read are cleared.
+TEST(BoxFile, RowFormsOfBothKinds) {
+  char picked[128], rejected[128], star_row[128];
   std::snprintf(picked, sizeof picked, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n", 1802, 1002, 396, 396, 0.456789f, 7,
                 123.5f);
   std::snprintf(rejected, sizeof rejected, "%-8d%-8d%-8d%-8d\t%-8.6f\t%-8.6f\n", 64, 96, 32, 32, 2.5f, 3.75f);
-  auto boxes = dirty(4);
-  ASSERT_EQ(read(std::string(picked) + rejected, "_pickora.box", boxes), 2);
-  EXPECT_EQ(fields(boxes[0]), Fields({1802, 1002, 396, 396, 0.456789f, 7, 123.5, 0}));
-  EXPECT_EQ(fields(boxes[1]), Fields({64, 96, 32, 32, 2.5, 3, 0, 0}));  // class: the sixth token's integer part
-}
-
-TEST(BoxFile, BlankLinesEmptyFilesAndCapacity) {
+  std::snprintf(star_row, sizeof star_row, "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", 2000, 1200, 33.5f, 2, 0.875f);
+  const struct {
+    std::string text, suffix;
+    std::vector<Fields> want;
+  } cases[] = {
+      {"10 20 30 40\n11 21 31 41 0.5\n12 22 32 42 0.25 3\n13 23 33 43 0.125 4 90.5\n"
+       "14 24 34 44 0.75 5 45.0 extra tokens\n",
+       ".box",
+       {{10, 20, 30, 40, 0, 0, 0, 0}, {11, 21, 31, 41, 0.5, 0, 0, 0}, {12, 22, 32, 42, 0.25, 3, 0, 0},
+        {13, 23, 33, 43, 0.125, 4, 90.5, 0}, {14, 24, 34, 44, 0.75, 5, 45, 0}}},
+      // class: the sixth token's integer part
+      {std::string(picked) + rejected, "_pickora.box",
+       {{1802, 1002, 396, 396, 0.456789f, 7, 123.5, 0}, {64, 96, 32, 32, 2.5, 3, 0, 0}}},
+      {"\n1 2 3 4\n   \n\t\r\n5 6 7 8", ".box", {{1, 2, 3, 4, 0, 0, 0, 0}, {5, 6, 7, 8, 0, 0, 0, 0}}},
+      {"", ".box", {}},
+      {"\n# version 30001\n\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n"
+       "  100.900000   200.100000\n-3.7 4.2\n",
+       ".star", {{100, 200, 0, 0, 0, 0, 0, 0}, {-3, 4, 0, 0, 0, 0, 0, 0}}},
+      {"\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n_rlnClassNumber #4\n"
+       "_rlnAutopickFigureOfMerit #5\n" + std::string(star_row),
+       "_pickora.star", {{2000, 1200, 0, 0, 0.875, 2, 33.5, 0}}},
+  };
+  for (const auto& c : cases) {
+    auto boxes = dirty(8);
+    ASSERT_EQ(read(c.text, c.suffix, boxes), static_cast<int>(c.want.size())) << c.text;
+    for (size_t i = 0; i < 8; ++i)
+      EXPECT_EQ(fields(boxes[i]), i < c.want.size() ? c.want[i] : Fields(8, 0.0)) << c.text << " row " << i;
+  }
+  EXPECT_EQ(fields(PTCL_BOX()), Fields({0, 0, 256, 256, 0, 0, 0, 0}));
+  EXPECT_EQ(fields(one_new_ptcl_box()), Fields({0, 0, 0, 0, 0, 0, 0, 0}));
+  // Capacity: rows past it are not read, records past it untouched.
   auto boxes = dirty(5);
-  ASSERT_EQ(read("\n1 2 3 4\n   \n\t\r\n5 6 7 8", ".box", boxes), 2);
-  EXPECT_EQ(fields(boxes[1]), Fields({5, 6, 7, 8, 0, 0, 0, 0}));
-  boxes = dirty(3);
-  EXPECT_EQ(read("", ".box", boxes), 0);
-  for (const PTCL_BOX& b : boxes) EXPECT_TRUE(b.x == 0 && b.w == 0 && b.psi == 0.0f);
-  boxes = dirty(5);
   TempFile f("1 1 1 1\n2 2 2 2\n3 3 3 3\n4 4 4 4\n", ".box");
   EXPECT_EQ(read_all_ptcl_boxes(boxes.data(), 2, f.path.c_str()), 2);
-  EXPECT_EQ(boxes[1].x, 2);
-  EXPECT_EQ(boxes[2].x, -99);  // outside the capacity: untouched
+  EXPECT_EQ(std::vector<int>({boxes[1].x, boxes[2].x}), std::vector<int>({2, -99}));
   EXPECT_EQ(read_all_ptcl_boxes(boxes.data(), 0, f.path.c_str()), 0);
 }
 
@@ -109,12 +106,8 @@ TEST(BoxFile, SuffixIsExactAndCaseSensitive) {
   }
 }
 
-TEST(BoxFile, ShortLineAndMissingFileAreFatal) {
-  TempFile f("1 2 3 4\n1 2 3\n", ".box");
+TEST(BoxFile, MissingFileIsFatal) {
   std::vector<PTCL_BOX> boxes(4);
-  EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 4, f.path.c_str()),
-                     "Error in function read_all_ptcl_boxes\\(\\), file src/boxfile on line [0-9]+: "
-                     "unrecognized box format!! Exit now!");
   EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 1, "/nonexistent/m.box"),
                      "Cannot open file /nonexistent/m.box. Permission denied or wrong file name.\n.*"
                      "Error in function read_all_ptcl_boxes\\(\\), file src/boxfile on line [0-9]+: "
@@ -123,25 +116,7 @@ TEST(BoxFile, ShortLineAndMissingFileAreFatal) {
                      "Cannot open file /nonexistent/m.box!\n.*open file failed.! Exit now!");
 }
 
-TEST(StarCoordinates, CentresWithTheirIntegerPartAndOptionalColumns) {
-  auto boxes = dirty(4);
-  ASSERT_EQ(read("\n# version 30001\n\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n"
-                 "  100.900000   200.100000\n-3.7 4.2\n",
-                 ".star", boxes),
-            2);
-  EXPECT_EQ(fields(boxes[0]), Fields({100, 200, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(boxes[1].x, -3);
-
-  // The head and row format the picker writes: centre x, centre y, psi, class, figure of merit.
-  char row[128];
-  std::snprintf(row, sizeof row, "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", 2000, 1200, 33.5f, 2, 0.875f);
-  ASSERT_EQ(read(std::string("\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
-                             "_rlnClassNumber #4\n_rlnAutopickFigureOfMerit #5\n") +
-                     row,
-                 "_pickora.star", boxes),
-            1);
-  EXPECT_EQ(fields(boxes[0]), Fields({2000, 1200, 0, 0, 0.875, 2, 33.5, 0}));
-
+TEST(StarCoordinates, SampleTable) {
   std::vector<PTCL_BOX> sample(100);
   ASSERT_EQ(read_all_ptcl_boxes(sample.data(), 100, (kSamples + "autopick_coords.star").c_str()), 13);
   EXPECT_EQ(fields(sample[0]), Fields({872, 256, 0, 0, 0.756319f, 5, 200, 0}));

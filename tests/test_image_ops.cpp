@@ -376,16 +376,15 @@ TEST(UniquePeak, FirstOfTheHighestWins) {
   float value = 0.0f;
   const std::vector<float> flat(12, 4.0f);
   cpu_2d_get_unique_peak(flat.data(), 4, 3, x, y, value);
-  EXPECT_EQ((std::vector<int>{x, y}), (std::vector<int>{0, 0}));
-  EXPECT_EQ(value, 4.0f);
+  EXPECT_EQ((std::vector<float>{float(x), float(y), value}), (std::vector<float>{0, 0, 4}));
   std::vector<float> stack = {NAN, 1, 2, 9, 0, 9,   // slice 0: NaN first, the first 9 at (3, 0)
                               0,   0, 0, 0, 5, 1};  // slice 1: 5 at (1, 1)
   Pixel peaks[2];
   cpu_2ds_get_unique_peak(stack.data(), 4, 3, peaks, 1);
   cpu_2ds_get_unique_peak(stack.data() + 6, 3, 2, peaks + 1, 1);
-  EXPECT_EQ((std::vector<int>{peaks[0].x, peaks[0].y}), (std::vector<int>{3, 0}));
-  EXPECT_EQ(peaks[0].value, 9.0f);
-  EXPECT_EQ((std::vector<int>{peaks[1].x, peaks[1].y}), (std::vector<int>{1, 1}));
+  EXPECT_EQ((std::vector<float>{float(peaks[0].x), float(peaks[0].y), peaks[0].value, float(peaks[1].x),
+                                float(peaks[1].y)}),
+            (std::vector<float>{3, 0, 9, 1, 1}));
 }
 
 TEST(HalfSpectrum, AverageAndLowFrequencyFiltersMatchNumpy) {

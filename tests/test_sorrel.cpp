@@ -53,13 +53,17 @@ std::vector<std::string> with_file(std::vector<std::string> words) {
   return words;
 }
 
-// One row of the rule table: the command line, the field looked at, its value afterwards, and
-// a text the run must print (empty: the row must print nothing at all).
+// One row of the rule table: the command line, the fields looked at with their values afterwards,
+// and a text the run must print (empty: the row must print nothing at all).
+using Field = std::function<double(const SORREL_Para&)>;
 struct RuleCase {
   std::vector<std::string> words;
-  std::function<double(const SORREL_Para&)> field;
-  double expected;
+  std::vector<std::pair<Field, double>> checks;
   std::string message;
+  RuleCase(std::vector<std::string> w, Field f, double e, std::string m)
+      : words(std::move(w)), checks{{std::move(f), e}}, message(std::move(m)) {}
+  RuleCase(std::vector<std::string> w, std::vector<std::pair<Field, double>> c, std::string m)
+      : words(std::move(w)), checks(std::move(c)), message(std::move(m)) {}
 };
 
 #define FIELD(name) [](const SORREL_Para& p) { return static_cast<double>(p.name); }
@@ -67,27 +71,22 @@ struct RuleCase {
 TEST(SorrelParameters, RepairTableAndDerivedRules) {
   const double apix2 = 2.0 * static_cast<double>(1.34f);
   const std::vector<RuleCase> cases = {
-      // Derived rules.
-      {{}, FIELD(convsize), 1024 / 12, ""},
-      {{}, FIELD(convs_out), 1024 / 7, ""},
+      // Derived rules; keywords take one or two dashes in any case.
+      {{},
+       {{FIELD(convsize), 1024 / 12}, {FIELD(convs_out), 1024 / 7}, {FIELD(ctfout_resH), 2.2f * 1.34f + 0.1f},
+        {FIELD(EPA_resH), 2.0f * 1.34f + 0.1f}, {FIELD(phase_shift_mode), 0}},
+       ""},
       {{"--boxsize", "600"}, FIELD(convsize), 600 / 12, ""},
-      {{}, FIELD(ctfout_resH), 2.2f * 1.34f + 0.1f, ""},
       {{"--ctfout_resH", "2.5"}, FIELD(ctfout_resH), 2.2f * 1.34f + 0.1f, ""},  // below 2 apix
-      {{"--ctfout_resH", "6"}, FIELD(ctfout_resH), 6.0, ""},
-      {{}, FIELD(EPA_resH), 2.0f * 1.34f + 0.1f, ""},
-      {{"--EPA_resH", "5"}, FIELD(EPA_resH), 5.0, ""},
-      {{}, FIELD(phase_shift_mode), 0, ""},
-      {{"--phase_shift_T", "2"}, FIELD(phase_shift_mode), 1, ""},
-      {{"--phase_shift_T", "2"}, FIELD(phase_shift_S), 3.0, ""},
-      {{"--phase_shift_T", "2"}, FIELD(defH), 30000, ""},
-      {{"--phase_shift_T", "2"}, FIELD(defL), 2000, ""},
-      {{"--phase_shift_T", "2"}, FIELD(defS), 200, ""},
-      {{"--phase_shift_T", "2"}, FIELD(resL), 15, ""},
-      {{"--phase_shift_T", "2"}, FIELD(boxsize), 512, ""},
-      {{"--phase_shift_T", "2"}, FIELD(convsize), 512 / 20, ""},
+      {{"--ctfout_resH", "6", "--EPA_resH", "5"}, {{FIELD(ctfout_resH), 6.0}, {FIELD(EPA_resH), 5.0}}, ""},
+      {{"--phase_shift_T", "2"},
+       {{FIELD(phase_shift_mode), 1}, {FIELD(phase_shift_S), 3.0}, {FIELD(defH), 30000}, {FIELD(defL), 2000},
+        {FIELD(defS), 200}, {FIELD(resL), 15}, {FIELD(boxsize), 512}, {FIELD(convsize), 512 / 20}},
+       ""},
       {{"--phase_shift_T", "2", "--convs_out", "7"}, FIELD(convs_out), 512 / 10, ""},
       {{"--phase_shift_H", "90", "--defH", "50000"}, FIELD(defH), 50000, ""},
       {{"--phase_shift_L", "10", "--refine_input_ctf"}, FIELD(phase_shift_mode), 0, ""},
+      {{"-APIX", "1.1", "--Defl", "7000"}, {{FIELD(apix), 1.1f}, {FIELD(defL), 7000}}, ""},
       // The repair table.
       {{"--apix", "0.005"}, FIELD(apix), 1.34f, "Warning: Invalid pixel size 0.00! Exit now."},
       {{"--apix", "20"}, FIELD(apix), 20, "Warning: pixel size 20.00 too large or small! Program will still run"},
@@ -159,7 +158,8 @@ TEST(SorrelParameters, RepairTableAndDerivedRules) {
     SCOPED_TRACE(line);
     const Parsed p = parse(with_file(c.words));
     ASSERT_EQ(p.result, SORREL_PARSE_OK);
-    EXPECT_NEAR(c.field(p.para), c.expected, 1e-6 * std::fmax(1.0, std::fabs(c.expected)));
+    for (const auto& [field, expected] : c.checks)
+      EXPECT_NEAR(field(p.para), expected, 1e-6 * std::fmax(1.0, std::fabs(expected)));
     if (c.message.empty())
       EXPECT_EQ(p.out, "");
     else
@@ -168,36 +168,35 @@ TEST(SorrelParameters, RepairTableAndDerivedRules) {
 }
 
 TEST(SorrelParameters, DefaultsListTheDefocusValuesWithoutDefH) {
-  const Parsed p = parse({"a.mrc", "b.mrc"});
+  const Parsed p = parse({"a.mrc", "b.mrc"}), given = parse({"--Defl", "7000", "x.mrc"});
   EXPECT_EQ(sorrel_defocus_count(&p.para), 170);  // 5000 .. 89500
   EXPECT_STREQ(p.para.ctfstar, "micrographs_all_sorrel.star");
   EXPECT_STREQ(p.para.logsuffix, "_sorrel.log");
-  ASSERT_EQ(p.para.files.size(), 2u);
-  EXPECT_EQ(p.para.files[1], "b.mrc");
+  EXPECT_EQ(p.para.files, (std::vector<std::string>{"a.mrc", "b.mrc"}));
   EXPECT_EQ(p.para.init[0].valid, 0.0f);
+  EXPECT_EQ(sorrel_option_given(&given.para, "defL"), 1);
+  EXPECT_EQ(sorrel_option_given(&given.para, "defH"), 0);
 }
 
-TEST(SorrelParameters, KeywordsAreMatchedWithOneOrTwoDashesInAnyCase) {
-  const Parsed p = parse({"-APIX", "1.1", "--Defl", "7000", "x.mrc"});
-  EXPECT_FLOAT_EQ(p.para.apix, 1.1f);
-  EXPECT_FLOAT_EQ(p.para.defL, 7000.0f);
-  EXPECT_EQ(sorrel_option_given(&p.para, "defL"), 1);
-  EXPECT_EQ(sorrel_option_given(&p.para, "defH"), 0);
-}
-
-TEST(SorrelParameters, StopsWithoutFailureOnAnUnknownOption) {
-  const Parsed p = parse({"--no_such_thing", "x.mrc"});
-  EXPECT_EQ(p.result, SORREL_PARSE_STOP_OK);
-  EXPECT_NE(p.out.find("Failed to recognize option: --no_such_thing! Exit now."), std::string::npos);
-  EXPECT_NE(p.out.find("All valid options:"), std::string::npos);
-  EXPECT_NE(p.out.find("--defA_seeds\t "), std::string::npos);
-}
-
-TEST(SorrelParameters, NoInputFilePrintsTheUsage) {
-  const Parsed p = parse({"--apix", "1.0"});
-  EXPECT_EQ(p.result, SORREL_PARSE_NO_INPUT);
-  EXPECT_EQ(p.out.find("Error: No files to be processed.\n"), 0u);
-  EXPECT_NE(p.out.find("Usage:"), std::string::npos);
+// An unknown option stops the run without failure after the option list; no input prints the usage.
+TEST(SorrelParameters, UnknownOptionAndNoInputStop) {
+  const struct {
+    std::vector<std::string> words;
+    SorrelParse result;
+    std::vector<std::string> texts;
+  } cases[] = {
+      {{"--no_such_thing", "x.mrc"}, SORREL_PARSE_STOP_OK,
+       {"Failed to recognize option: --no_such_thing! Exit now.", "All valid options:", "--defA_seeds\t "}},
+      {{"--apix", "1.0"}, SORREL_PARSE_NO_INPUT, {"Error: No files to be processed.\n", "Usage:"}},
+  };
+  for (const auto& c : cases) {
+    const Parsed p = parse(c.words);
+    EXPECT_EQ(p.result, c.result);
+    if (c.result == SORREL_PARSE_NO_INPUT) {
+      EXPECT_EQ(p.out.find(c.texts[0]), 0u);  // first of all
+    }
+    for (const std::string& t : c.texts) EXPECT_NE(p.out.find(t), std::string::npos) << t;
+  }
 }
 
 TEST(SorrelParameters, CtfstarNames) {
@@ -376,15 +375,6 @@ TEST(SorrelQueue, HoldsFiveInOrderAndRefusesTheSixth) {
   EXPECT_EQ(queue.get(got), 0);
 }
 
-TEST(SorrelQueue, AnEmptyQueueWithEverythingSentAnswersAtOnce) {
-  SorrelDataQueue queue(1);
-  queue.set_all_sent();
-  mrcf_data_packet got;
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(queue.get_until_succeed(got), 0);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
-}
-
 TEST(SorrelQueue, ReaderPassesFailuresAndSkipsUnwantedInputs) {
   TempDir dir;
   std::vector<float> a(8 * 8);
@@ -431,6 +421,10 @@ TEST(SorrelQueue, GetForNameDropsPacketsOfSkippedMicrographs) {
   sorrel_free_packet(got);
   EXPECT_EQ(queue.size(), 0u);
   EXPECT_EQ(queue.get_for_name("d", got), 0);
+  // Empty with everything sent: the waiting form answers at once.
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(queue.get_until_succeed(got), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
 TEST(SorrelQueue, AStoppedRunJoinsAReaderThatWaitsForRoom) {
