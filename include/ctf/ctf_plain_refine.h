@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <vector>
 
 class SORREL_A;
@@ -20,6 +21,15 @@ struct CTF_REF_CONTROL {
   int phase_shift;
   float defocus_err;
 };
+
+// The one-parameter search under the refinements below, on any score f (higher is better):
+// from a and b = a - err, extrapolate past the better point (with a small random jitter) or
+// fall back to a midpoint, at most 100 passes while |a - b| is above 1.0. a receives the best
+// point and fa its score; false when the passes ran out before the gap closed.
+bool ctf_search_one_parameter(float& a, float& fa, float err, const std::function<float(float)>& f);
+
+// Squared sum of the half array a inside the resolution limits; work receives the squares.
+float ctf_band_square_sum(float* work, const float* a, float apix, unsigned nh, unsigned ny, float resL, float resH);
 
 // Moves the mean defocus alone, the half difference (V - U) / 2 and the angle kept. Starts at
 // a = (U + V) / 2 and b = a - defocus_err; at most 100 passes while |a - b| is above 1.0. A

@@ -2,6 +2,7 @@
 // and the angle one step at a time.
 #include <cmath>
 #include <cstdio>
+#include <functional>
 #include <utility>
 
 #include "ctf/ctf_plain_refine.h"
@@ -48,12 +49,9 @@ void step_pair(float& first, float& second, float j, F f) {
 
 // The score normalised by the root square sums of the model and the spectrum in the limits.
 float normalised_score(const Scorer& s, float raw, float U, float V, float A) {
-  const unsigned long n = static_cast<unsigned long>(s.nh) * s.ny;
   hcuda_ctf_sim_2dh_c(s.work, s.nh, s.ny, s.apix, s.kv, s.cs, s.ac, s.ps, U, V, A, s.bfac, s.resL, s.resH, 'A');
-  hcuda_2dh_res_based_square(s.work, s.work, s.apix, s.nh, s.ny, s.resL, s.resH);
-  const float n1 = hcuda_fast_sum_inplace(s.work, n, 1024);
-  hcuda_2dh_res_based_square(s.work, s.spectrum, s.apix, s.nh, s.ny, s.resL, s.resH);
-  const float n2 = hcuda_fast_sum_inplace(s.work, n, 1024);
+  const float n1 = ctf_band_square_sum(s.work, s.work, s.apix, s.nh, s.ny, s.resL, s.resH);
+  const float n2 = ctf_band_square_sum(s.work, s.spectrum, s.apix, s.nh, s.ny, s.resL, s.resH);
   if (!(n1 > 0.0f && n2 > 0.0f) || !std::isfinite(n1) || !std::isfinite(n2)) return 0.0f;
   return raw / std::sqrt(n1) / std::sqrt(n2);
 }
@@ -107,13 +105,14 @@ void three_parameter_search(const Scorer& s, float& U, float& V, float& A, float
 
 }  // namespace
 
-void hcuda_refctf_2dh_only_defave(const float* spectrum, float* work, float& U, float& V, float& score,
-                                  float pixel_size, unsigned nh, unsigned ny, float kv, float cs, float ac, float ps,
-                                  float defA, float defocus_err, float bfac, float resL, float resH, FILE* log) {
-  const Scorer s{spectrum, work, pixel_size, nh, ny, kv, cs, ac, ps, bfac, resL, resH};
-  const float d = (V - U) / 2.0f;
-  const auto f = [&](float x) { return s(x - d, x + d, defA); };
-  float a = (U + V) / 2.0f, b = a - defocus_err, fa = f(a);
+float ctf_band_square_sum(float* work, const float* a, float apix, unsigned nh, unsigned ny, float resL, float resH) {
+  hcuda_2dh_res_based_square(work, a, apix, nh, ny, resL, resH);
+  return hcuda_fast_sum_inplace(work, static_cast<unsigned long>(nh) * ny, 1024);
+}
+
+bool ctf_search_one_parameter(float& a, float& fa, float err, const std::function<float(float)>& f) {
+  float b = a - err;
+  fa = f(a);
   int pass = 0;
   for (; pass < kMaxCycles && std::fabs(a - b) > 1.0f; ++pass) {
     const float c = 2.0f * a - b + jitter(1.0f / 20.0f);
@@ -129,8 +128,17 @@ void hcuda_refctf_2dh_only_defave(const float* spectrum, float* work, float& U, 
     else
       b = m;
   }
-  score = fa;
-  if (pass < kMaxCycles || !(std::fabs(a - b) > 1.0f)) {
+  return pass < kMaxCycles || !(std::fabs(a - b) > 1.0f);
+}
+
+void hcuda_refctf_2dh_only_defave(const float* spectrum, float* work, float& U, float& V, float& score,
+                                  float pixel_size, unsigned nh, unsigned ny, float kv, float cs, float ac, float ps,
+                                  float defA, float defocus_err, float bfac, float resL, float resH, FILE* log) {
+  const Scorer s{spectrum, work, pixel_size, nh, ny, kv, cs, ac, ps, bfac, resL, resH};
+  const float d = (V - U) / 2.0f;
+  float a = (U + V) / 2.0f;
+  const bool converged = ctf_search_one_parameter(a, score, defocus_err, [&](float x) { return s(x - d, x + d, defA); });
+  if (converged) {
     U = a - d, V = a + d;
     return;
   }
