@@ -12,7 +12,7 @@
 #include "pickora56/matching.h"
 #include "process2d_core/ccc.h"
 #include "process2d_core/flip.h"
-#include "process2d_core/spectrum_2dh.h"
+#include "process2d_core/half_fourier_2dh.h"
 #include "process2d_core/unique_peak.h"
 #include "process2d_mrc/process2d_mrc.h"
 #include "process2d_mrcs/process2d_mrcs.h"

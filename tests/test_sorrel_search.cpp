@@ -11,7 +11,7 @@
 #include "cuda_fft/cuda_fft.h"
 #include "cuda_general/cuda_general.h"
 #include "math_utils/host_stats.h"
-#include "process2d_core/spectrum_2dh.h"
+#include "process2d_core/half_fourier_2dh.h"
 #include "random_utils/random_source.h"
 
 namespace {

@@ -16,7 +16,7 @@
 #include "cuda_general/cuda_general.h"
 #include "cuda_general/report.h"
 #include "math_utils/host_stats.h"
-#include "process2d_core/spectrum_2dh.h"
+#include "process2d_core/half_fourier_2dh.h"
 #include "process2d_raw/process2d_raw.h"
 #include "starfile/starfile.h"
 

@@ -15,7 +15,7 @@
 #include "cuda_general/cuda_general.h"
 #include "cuda_general/report.h"
 #include "math_utils/host_stats.h"
-#include "process2d_core/spectrum_2dh.h"
+#include "process2d_core/half_fourier_2dh.h"
 #include "random_utils/random_source.h"
 #include "txt_file/arrays_strings.h"
 #include "txt_file/txt_file.h"

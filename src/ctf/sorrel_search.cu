@@ -14,7 +14,7 @@
 #include "math_utils/host_stats.h"
 #include "mrcfile/mrcfile.h"
 #include "process2d_core/process2d_core.h"
-#include "process2d_core/spectrum_2dh.h"
+#include "process2d_core/half_fourier_2dh.h"
 #include "process2d_raw/process2d_raw.h"
 
 // Row j of the simulated curves against the measured curve, in float, in order of i.

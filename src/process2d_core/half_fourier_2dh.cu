@@ -1,6 +1,6 @@
 // The device form of the low-frequency damping.
 #include "cuda_general/launch.h"
-#include "process2d_core/spectrum_2dh.h"
+#include "process2d_core/half_fourier_2dh.h"
 
 void hcuda_2dh_smooth_low_frequency_inplace(float* half, int nxh, int ny, float apix, float resolution) {
   pk_2dh_require_resolution(apix, resolution);

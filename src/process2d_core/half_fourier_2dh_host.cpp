@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "cuda_general/report.h"
-#include "process2d_core/spectrum_2dh.h"
+#include "process2d_core/half_fourier_2dh.h"
 
 void pk_2dh_require_resolution(float apix, float resolution) {
   if (!(std::isfinite(apix) && apix > 0.0f && std::isfinite(resolution) && resolution > 0.0f))
