@@ -144,6 +144,8 @@ class SORREL_A {
   float sorrel_tcf_swr_2dh_A(float x);
   float score(float ps, float U, float V, float A);
   float score_puva(const PUVA& p) { return score(p.ps, p.U, p.V, p.A); }
+  // The best of defA_seeds angles over 180 degrees at the U, V and phase shift of start.
+  float sorrel_best_start_angle(const PUVA& start);
 
   // ---- EPA, resolution limit, B-factor ----
   void sorrel_epa_1d_ccf_B_estimation();

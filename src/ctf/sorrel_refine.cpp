@@ -109,8 +109,24 @@ void SORREL_A::sorrel_set_init_defUVA_for_2D_refine(float phase_shift) {
   }
   const float r = random_unit();
   ref_init = PUVA{phase_shift, best_defocus - para.astm / 2.0f, best_defocus + para.astm / 2.0f, 30.0f * r};
+  if (seed_angles) ref_init.A = sorrel_best_start_angle(ref_init);
   ref_err = PUVA{ref_PS ? para.phase_shift_S : 0.0f, para.defS, para.defS, 30.0f};
   defocus_err = para.defS;
+}
+
+// The trial angles are scored here, at the start's astigmatism of astm: once strategy 1's first
+// test has picked the round point of its defocus pair, every angle scores the same and a scan
+// would only follow rounding noise.
+float SORREL_A::sorrel_best_start_angle(const PUVA& start) {
+  sorrel_set_bres();
+  const float s = 180.0f / static_cast<float>(para.defA_seeds);
+  float best_A = start.A, best = score_puva(start);
+  for (int i = 1; i < para.defA_seeds; ++i) {
+    const float A = start.A + static_cast<float>(i) * s;
+    const float f = score(start.ps, start.U, start.V, A);
+    if (f > best) best = f, best_A = A;
+  }
+  return best_A;
 }
 
 void SORREL_A::sorrel_set_init_2DR_Para(CTF_2DR_Para& r) {
