@@ -401,7 +401,7 @@ int sorrel_init_parameters(SORREL_Para* p) {
   p->only_search_ps = 0, p->cosearch_refine_ps = 0;
   p->bfac = 150.0f, p->defL = 5000.0f, p->defH = 90000.0f, p->defS = 500.0f, p->astm = 1000.0f;
   p->resL = 50.0f, p->resH = 4.0f, p->boxsize = 1024, p->convsize = 85, p->convs_out = 100;
-  p->overlap = 0.5f, p->refine_2d_T = 1, p->defA_seeds = 6, p->smooth_resL = 15.0f;
+  p->overlap = 0.5f, p->refine_2d_T = 1, p->defA_seeds = 1, p->smooth_resL = 15.0f;
   p->do_validation = 0, p->do_basic_rotave = 0, p->do_EPA = 0, p->EPA_oversmp = 4, p->EPA_bg_pn = 7;
   p->EPA_resL = 30.0f, p->EPA_resH = 2.78f, p->ncc_frac_max = 0.25f, p->ncc_frac_min = 0.05f;
   p->refine_after_EPA = 0;
@@ -595,8 +595,8 @@ const char* const kUsage[] = {
     "      --convsize       boxsize/12    Box of the background subtraction (boxsize/20 in phase-shift mode)",
     "      --convs_out      boxsize/7     Box of the background subtraction for the output image",
     "      --refine_2d_T    1             Refinement strategy: 1 one parameter at a time, 2 or 3 simplex",
-    "      --defA_seeds     6             Trial angles of strategy 1 over 180 degrees, for its start and each "
-    "angle step (1: a random start angle only)",
+    "      --defA_seeds     1             Trial angles of strategy 1 over 180 degrees, for its start and each "
+    "angle step (1: a random start angle only; 6 is more robust)",
     "      --do_Hres_ref                  Refine again at high resolution (--Href_resL 15, --Href_resH 4, "
     "--Href_bfac 50)\n",
     "Phase plate options (any of them switches the phase-shift search on):  ",
