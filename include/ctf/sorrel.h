@@ -94,8 +94,9 @@ class SORREL_A {
   // its ".ctf" file (log sum as written, background by the box mean of convsize); the ".ctf"
   // file is kept as it is. Returns 0, or -1 when the file can't be read at this box size.
   int sorrel_reload_pre_ctf_files();
-  bool reloaded = false;
-  int sorrel_finish_spectra(bool fresh);  // this micrograph's spectra came from an earlier run's files
+  bool reloaded = false;  // this micrograph's spectra came from an earlier run's files
+  // The steps after a fresh or a reloaded spectrum: smoothing, host copies, the ".pow" file.
+  int sorrel_finish_spectra(bool fresh);
   void sorrel_1D_search_t2(float phase_shift);
   void sorrel_set_init_defUVA_for_2D_refine(float phase_shift);
   void sorrel_set_init_2DR_Para(CTF_2DR_Para& r);

@@ -1,6 +1,7 @@
 // Launches of the equiphase-average kernels.
 #include <cstddef>
 
+#include "../ctf_core/ctf_buffers.h"
 #include "ctf/sorrel_epa.h"
 #include "cuda_general/cuda_general.h"
 #include "cuda_general/launch.h"
@@ -59,28 +60,20 @@ void hcuda_2dhs_EPA(float* out, const float* spectra, unsigned n, unsigned nh, u
   if (n == 0) PK_FATAL("an equiphase average of a stack needs one spectrum at least");
   UVA_c first;
   PK_CUDA_CHECK(memcpy_D2H(&first, uva, sizeof(UVA_c)));
-  float* curve = nullptr;
-  safe_cudaMalloc(&curve, nh * sizeof(float));
-  hcuda_2dhs_X_EPA_res(curve, 1, spectra, n, nh, ny, pixel_size, kv, cs, ac, ps, uva, resL, resH);
-  hcuda_2dh_EPA_from_1d(out, spectra, curve, nh, ny, pixel_size, kv, cs, ac, ps, first.defU, first.defV, first.defA,
-                        resL, resH);
-  safe_cudaFree(curve);
+  CtfDeviceBlock<float> curve(nh);
+  hcuda_2dhs_X_EPA_res(curve.get(), 1, spectra, n, nh, ny, pixel_size, kv, cs, ac, ps, uva, resL, resH);
+  hcuda_2dh_EPA_from_1d(out, spectra, curve.get(), nh, ny, pixel_size, kv, cs, ac, ps, first.defU, first.defV,
+                        first.defA, resL, resH);
+  curve.release();
 }
 
 void gpu_2dhs_EPA(float* out, const float* spectra, unsigned n, unsigned nh, unsigned ny, float pixel_size, float kv,
                   float cs, float ac, float ps, const UVA_c* uva, float resL, float resH) {
   if (n == 0) PK_FATAL("an equiphase average of a stack needs one spectrum at least");
   const std::size_t plane = static_cast<std::size_t>(nh) * ny;
-  float *d_spectra = nullptr, *d_out = nullptr;
-  UVA_c* d_uva = nullptr;
-  safe_cudaMalloc(&d_spectra, plane * n * sizeof(float));
-  safe_cudaMalloc(&d_out, plane * sizeof(float));
-  safe_cudaMalloc(&d_uva, n * sizeof(UVA_c));
-  PK_CUDA_CHECK(memcpy_H2D(d_spectra, spectra, plane * n * sizeof(float)));
-  PK_CUDA_CHECK(memcpy_H2D(d_uva, uva, n * sizeof(UVA_c)));
-  hcuda_2dhs_EPA(d_out, d_spectra, n, nh, ny, pixel_size, kv, cs, ac, ps, d_uva, resL, resH);
-  PK_CUDA_CHECK(memcpy_D2H(out, d_out, plane * sizeof(float)));
-  safe_cudaFree(d_spectra);
-  safe_cudaFree(d_out);
-  safe_cudaFree(d_uva);
+  CtfDeviceBlock<float> d_spectra(plane * n, spectra), d_out(plane);
+  CtfDeviceBlock<UVA_c> d_uva(n, uva);
+  hcuda_2dhs_EPA(d_out.get(), d_spectra.get(), n, nh, ny, pixel_size, kv, cs, ac, ps, d_uva.get(), resL, resH);
+  d_out.copy_to_host(out);
+  d_spectra.release(), d_out.release(), d_uva.release();
 }
