@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <random>
 #include <set>
 #include <vector>
 
 #include "cuda_general/cuda_general.h"
 #include "pickora56/grid_peaks.h"
+#include "cuda_general/report.h"
 #include "support/device_data.h"
 
 namespace {
@@ -166,6 +168,66 @@ TEST(FilterGridPeaks, ExclusionLoopClearsPeaksCloseToAnyListedPixel) {
       {"words past exclusion_n are not read", no_zero, 35, {near_origin, p45, p25, p15}},
   };
   for (const Case& c : cases) EXPECT_EQ(survivors(search(m, 10, -1.0f, c.list, c.n)), c.want) << c.what;
+}
+
+// Every launcher family agrees with the picker's entry on one random map (non-square, partial
+// cells, a cut-off that drops some peaks, a running best over two maps).
+TEST(GridPeakLaunchers, AgreeWithThePickersEntry) {
+  const int nx = 47, ny = 33, step = 8, cells = 6 * 5;
+  std::mt19937 rng(17);
+  std::uniform_real_distribution<float> u(0.0f, 1.0f);
+  Maps a(nx, ny, {}), b(nx, ny, {});
+  for (float& v : a.cc) v = u(rng);
+  for (float& v : b.cc) v = u(rng);
+  const std::vector<unsigned> exclusion = {a.index(20, 20), a.index(3, 30)};
+  const Grid want = search(a, step, 0.9f), want_ex = search(a, step, 0.9f, exclusion);
+  float *cc = to_device(a.cc), *cc_b = to_device(b.cc), *psi = to_device(a.psi);
+  unsigned* index = device_zeros<unsigned>(cells);
+  float *g_cc = device_zeros<float>(cells), *g_psi = device_zeros<float>(cells);
+  unsigned* ex = to_device(exclusion);
+  DeviceFrees frees(cc, cc_b, psi, index, g_cc, g_psi, ex);
+  auto expect_index = [&](const std::vector<unsigned>& w, const char* what) {
+    EXPECT_EQ(to_host(index, cells), w) << what;
+    EXPECT_EQ(to_host(g_cc, cells), want.cc) << what;
+  };
+  hcuda_find_filter_ccmax_psi_grids(cc, psi, index, g_cc, g_psi, 0.9f, nx, ny, step);
+  expect_index(want.index, "find and filter with psi");
+  const std::vector<float> got_psi = to_host(g_psi, cells);
+  for (int c = 0; c < cells; ++c) {
+    if (want.index[c] != 0) EXPECT_EQ(got_psi[c], want.psi[c]) << c;
+  }
+  hcuda_find_filter_ccmax_grids(cc, index, g_cc, 0.9f, nx, ny, step);
+  expect_index(want.index, "find and filter");
+  hcuda_find_ccmax_grids(cc, index, g_cc, nx, ny, step);
+  hcuda_filter_ccmax_grids(cc, index, g_cc, 0.9f, nx, ny, step);
+  expect_index(want.index, "find, then filter in place");
+  hcuda_find_ccmax_grids(cc, index, g_cc, nx, ny, step);
+  hcuda_filter_ccmax_psi_grids_exclusive(index, g_cc, 0.9f, nx, ny, step, ex, 2);
+  expect_index(want_ex.index, "find, then filter in place with exclusions");
+
+  // Running best: the second map replaces a cell only where its maximum is strictly larger.
+  hcuda_find_ccmax_grids(cc_b, index, g_cc, nx, ny, step);
+  const std::vector<unsigned> found_b = to_host(index, cells);
+  const std::vector<float> cc_of_b = to_host(g_cc, cells);
+  hcuda_find_ccmax_grids(cc, index, g_cc, nx, ny, step);
+  std::vector<unsigned> best = to_host(index, cells);
+  std::vector<float> best_cc = to_host(g_cc, cells);
+  for (int c = 0; c < cells; ++c)
+    if (cc_of_b[c] > best_cc[c]) best[c] = found_b[c], best_cc[c] = cc_of_b[c];
+  hcuda_find_update_ccmax_grids(cc_b, index, g_cc, nx, ny, step);
+  EXPECT_EQ(to_host(index, cells), best);
+  EXPECT_EQ(to_host(g_cc, cells), best_cc);
+  hcuda_filter_ccmax_grids(cc, index, g_cc, -1.0f, nx, ny, step);
+  const std::vector<unsigned> filtered = to_host(index, cells);
+  EXPECT_NE(filtered, best) << "some neighbour suppresses";
+  EXPECT_EQ(memcpy_H2D(index, best.data(), sizeof(unsigned) * cells), cudaSuccess);
+  hcuda_find_update_filter_ccmax_grids(cc_b, index, g_cc, -1.0f, nx, ny, step);
+  EXPECT_EQ(to_host(g_cc, cells), best_cc) << "a second pass with the same map changes nothing";
+  EXPECT_EQ(to_host(index, cells), filtered);
+
+  for (int bad : {0, -3}) EXPECT_THROW(hcuda_find_ccmax_grids(cc, index, g_cc, nx, ny, bad), pickora::FatalError);
+  EXPECT_THROW(hcuda_find_ccmax_grids(cc, index, g_cc, 0, ny, step), pickora::FatalError);
+  EXPECT_THROW(hcuda_find_ccmax_grids(cc, index, g_cc, nx, 0, step), pickora::FatalError);
 }
 
 }  // namespace
