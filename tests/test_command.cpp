@@ -212,6 +212,41 @@ TEST(Parser, FlagValuesAndOverrides) {
   EXPECT_STREQ(p.para.files[0], "mic.mrc");
 }
 
+// Each number option refuses a value just outside its range, naming the option, and takes the
+// bound itself unless that bound is open; a string value must fit the name buffer.
+TEST(Parser, OptionValuesOutsideTheirRangeAreRefused) {
+  struct Record {  // freed also when the parse ends on a fatal report
+    Pickora_Para para{};
+    ~Record() { pickora_free_parameters(&para); }
+  };
+  auto parse = [](std::vector<std::string> words) {
+    Args args(std::move(words));
+    Record r;
+    pickora_init_parameters(args.argc(), &r.para);
+    pickora_get_parameters(args.argc(), args.argv(), &r.para);
+  };
+  const std::string long_name(1024, 't');
+  const struct {
+    std::string option, refused, taken;
+  } cases[] = {{"--apixM", "0.0099", "0.01"},     {"--apixT", "0.0099", "0.01"},     {"--apixM", "100.1", "100"},
+               {"--diameter", "0", "1e5"},        {"--ang_step", "360.1", "360"},    {"--min_dist", "0", "1e5"},
+               {"--lsigma_cutoff", "0", "1e30"},  {"--lsigma_D", "0", "1e5"},        {"--lave_D", "100001", "1e5"},
+               {"--lp", "0", "999"},              {"--hp", "1000001", "1e6"},        {"--pre_lp", "0", "1e5"},
+               {"--pre_hp", "0", "1e6"},          {"--boxsize", "1", "2"},           {"--boxsize", "65537", "65536"},
+               {"--cc_cutoff", "-1.001", "-1"},   {"--cc_cutoff", "1.001", "1"},     {"--T_norm_type", "4", "3"},
+               {"--T_norm_type", "-1", "0"},      {"--m_edge_ratio", "1.01", "0"},   {"--gid", "-1", "0"},
+               {"--T", long_name, "t.mrcs"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.option + " " + c.refused.substr(0, 8));
+    EXPECT_EXIT_REPORT(parse({c.option, c.refused, "a.mrc"}),
+                       c.option == "--T" ? "longer than 1023 characters" : c.option + " ");
+    EXPECT_EXIT_REPORT_STATUS(parse({c.option, c.taken, "a.mrc"}), -1, "");
+  }
+  // Defaults of the local options, which the parameter blocks do not show.
+  Parsed p({"a.mrc"});
+  EXPECT_EQ(std::vector<float>({p.para.m_edge_ratio, p.para.local_soft_edge}), std::vector<float>({0.05f, 8.0f}));
+}
+
 TEST(Parser, SpeedTable) {
   const int expected[] = {1, 2, 4, 6, 8};
   for (int speed = 0; speed <= 4; ++speed) {
@@ -226,7 +261,7 @@ TEST(Parser, SpeedTable) {
 TEST(ParameterBlocks, UserBlockEchoesTokensOrRecordAsEachOptionDoes) {
   Parsed p({"--boxsize", "100", "--lp", "20", "first.mrc", "--boxsize", "200", "--lp", "35", "--do_local_ctf",
             "--m_edge_ratio", "0.2", "--global_excluded_box", "g.box", "--mic_znorm", "0", "--T", "t.mrcs",
-            "--write_star", "0", "second.mrc"});
+            "--write_star", "0", "--excluded_suffix", "--boxsize", "second.mrc"});
   EXPECT_EQ(between(p.blocks(), "User input parameters:\n", "\nAll parameters to be used:"),
             "       --boxsize            100\n"  // token
             "       --lp                 35.000\n"  // record
@@ -236,7 +271,8 @@ TEST(ParameterBlocks, UserBlockEchoesTokensOrRecordAsEachOptionDoes) {
             "       --m_edge_ratio      0.200\n"
             "       --global_excluded_box    g.box\n"
             "       --T                  t.mrcs\n"
-            "       --write_star         0\n");
+            "       --write_star         0\n"
+            "       --excluded_suffix    --boxsize\n");  // a value, however it looks
 }
 
 TEST(ParameterBlocks, AllBlockShowsDerivedAndGivenValues) {

@@ -82,6 +82,12 @@ TEST(MrcHead, StampIsRepairedOnlyWhenTheThreeLettersAreMissing) {
     EXPECT_EQ(std::memcmp(h.map, c[1], 8), 0) << c[0];
     EXPECT_EQ(mrc_check_head(&h), 0);
   }
+  MRC_HEAD h;
+  mrc_init_head(&h);
+  std::memset(h.map, 0, 4);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(mrc_check_head(&h), -1);
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("Not a valid mrc file head!"), std::string::npos);
 }
 
 TEST(MrcRead, IntegerModesConvert) {
@@ -153,7 +159,8 @@ TEST(MrcRead, UntrustworthyFilesStopTheRun) {
 
   const std::string zero = dir.file("zero.mrc");
   write_file_bytes(zero, mrc_bytes(0, 4, 1, 2, {}));
-  EXPECT_EXIT_REPORT(mrcf_read_slice(zero.c_str(), 0, 'z', v.data()), "");
+  EXPECT_EXIT_REPORT(mrcf_read_slice(zero.c_str(), 0, 'z', v.data()),
+                     "mrc_read_slice\\(\\), file src/mrcfile .*zero\\.mrc has sizes 0 x 4 x 1 .* all must be positive");
 
   // Sizes whose product would overflow are refused before any allocation.
   const std::string huge = dir.file("huge.mrc");
@@ -191,6 +198,10 @@ TEST(MrcRead, SubAreaAndGrids) {
   mrc_2d_read_grids(m.f, &m.h, tiles.data(), 3, 2);
   EXPECT_EQ(tiles[3 * 9 + 0], data[2 * nx + 2]);  // tile (1,1) corner at (2,2)
   EXPECT_EQ(tiles[1 * 9 + 4], data[1 * nx + 3]);  // tile (c=1,r=0), pixel (1,1)
+  auto bytes = mrc_bytes(nx, ny, 1, 2, float_bytes(data));
+  bytes.resize(bytes.size() - 4);
+  write_file_bytes(dir.file("cut.mrc"), bytes);
+  EXPECT_EXIT_REPORT(mrcf_read_sub_area(dir.file("cut.mrc").c_str(), box.data(), 0, 0, 0, 1, 1, 1), "is too short");
   write_file_bytes(dir.file("s.mrc"), mrc_bytes(2, 2, 1, 1, {0, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_EXIT_REPORT(mrcf_read_sub_area(dir.file("s.mrc").c_str(), box.data(), 0, 0, 0, 1, 1, 1), "");
 }
@@ -206,6 +217,19 @@ TEST(MrcRead, ByteAndDoubleSlices) {
   EXPECT_EQ(b, (std::vector<unsigned char>{255, 127, 0}));  // contrast inverted
   mrc_read_slice_double(m.f, &m.h, 0, 'z', d);
   EXPECT_EQ(d[1], 5.0);
+  // Along y and x of a 3 x 2 x 4 volume, as the float reader gives them; an unknown axis reads nothing.
+  mrcf_write_xyz_data(dir.file("v.mrc").c_str(), ramp(24).data(), 3, 2, 4);
+  OpenMrc v(dir.file("v.mrc"));
+  for (char axis : {'y', 'x'}) {
+    std::vector<float> f(12, -1.0f);
+    std::vector<double> dd(12, -1.0);
+    mrc_read_slice(v.f, &v.h, 1, axis, f.data());
+    mrc_read_slice_double(v.f, &v.h, 1, axis, dd.data());
+    EXPECT_EQ(std::vector<double>(f.begin(), f.end()), dd) << axis;
+  }
+  d[0] = -3.0;
+  EXPECT_EQ(mrc_read_slice_double(v.f, &v.h, 0, 'q', d), 0);
+  EXPECT_EQ(d[0], -3.0);
 }
 
 TEST(MrcNames, Suffixes) {
@@ -228,8 +252,10 @@ TEST(MrcNames, Suffixes) {
   EXPECT_EQ(get_micrograph_suffixn(".mrc"), 0);
   testing::internal::GetCapturedStdout();
   EXPECT_EQ(get_micrograph_suffixn("x.mrcs"), 5);
-  mrcf_set_outname_by_insertion(out, "a/b.mrcs", "_ctf");
+  EXPECT_EQ(mrcf_set_outname_by_insertion(out, "a/b.mrcs", "_ctf"), 0);
   EXPECT_STREQ(out, "a/b_ctf.mrcs");
+  EXPECT_EQ(mrcf_replace_file_suffix(out, "a/b.mrcs", ".star"), 0);
+  EXPECT_STREQ(out, "a/b.star");
   mrcf_set_outname_by_suffix(out, (std::string(1100, 'n') + ".mrc").c_str(), "_x.box");
   EXPECT_EQ(std::strlen(out), 1023u);  // bounded, terminated
 }
@@ -293,6 +319,9 @@ TEST(MrcHead, SizeQueriesAndComparison) {
             "      8       8       8       Float               a.mrc\n"
             "      8       8       8       Short               b.mrc\n");
   EXPECT_EXIT_REPORT(check_mrc_head_sizes_two("a.mrc", "b.mrc", &a, &b), "");
+  EXPECT_EXIT_REPORT(sorrel_check_mrc_head_sizes_two("a.mrc", "b.mrc", &a, &b),
+                     "Micrograph .*a\\.mrc.* has a different size .*combine the particles.*Float +a\\.mrc\n"
+                     " +8 +8 +8 +Short +b\\.mrc");
 }
 
 TEST(MrcWrite, RoundTripStatisticsAndExactSize) {
@@ -369,6 +398,25 @@ TEST(MrcWrite, UpdateHeadRecomputesStatistics) {
   mrcf_read_head(path.c_str(), &h);
   EXPECT_EQ(stats(h), (std::vector<float>{-2.0f, 8.0f, 3.0f}));
   EXPECT_EQ(read_binary_file(path).size(), 1024u + 8u);
+  write_file_bytes(path, mrc_bytes(2, 2, 1, 6, {0xFE, 0xFF, 2, 0, 4, 0, 8, 0}));  // no statistics for mode 6
+  testing::internal::CaptureStdout();
+  mrcf_update_head(path.c_str());
+  testing::internal::GetCapturedStdout();
+  mrcf_read_head(path.c_str(), &h);
+  EXPECT_EQ(stats(h), (std::vector<float>{0.0f, 0.0f, 0.0f}));
+  EXPECT_EXIT_REPORT(mrcf_update_head(dir.file("gone.mrc").c_str()), "Cannot open file");
+
+  // One column of every row and section replaced in place; columns outside are refused.
+  mrcf_write_xyz_data(path.c_str(), ramp(12).data(), 3, 2, 2);
+  const std::vector<float> column = {40, 41, 42, 43};
+  FILE* f = std::fopen(path.c_str(), "r+");
+  mrc_update_slcX(f, 2, column.data());
+  for (int x : {-1, 3}) EXPECT_EXIT_REPORT(mrc_update_slcX(f, x, column.data()), "outside an image of 3 columns");
+  std::fclose(f);
+  std::vector<float> want = ramp(12), back(12);
+  for (int k = 0; k < 4; ++k) want[k * 3 + 2] = column[k];
+  mrcf_read_all(path.c_str(), back.data());
+  EXPECT_EQ(back, want);
 }
 
 // Every other way in and out of a file agrees with the plain writer and reader: the stream,
@@ -444,12 +492,19 @@ TEST(MrcRoundTrip, EveryWriterAndReaderAgrees) {
   std::fclose(o);
   mrc_delete_head(in_head);
   mrc_delete_head(out_head);
+  const std::string gone = dir.file("gone.mrc");
+  EXPECT_EQ(mrcf_io_open_io_read_write_head(gone.c_str(), out.c_str(), in, o, &head, &head), -1);
+  std::fclose(o);
+  EXPECT_EQ(mrcf_io_init(gone.c_str(), out.c_str(), in, o, in_head, out_head), -1);
+  std::fclose(o);
+  mrc_delete_head(in_head);
+  mrc_delete_head(out_head);
 
   int x = 0, y = 0, z = 0;
-  get_mrcf_xyz(x, y, z, ref.c_str());
+  EXPECT_EQ(get_mrcf_xyz(x, y, z, ref.c_str()) + mrcf_read_head(ref.c_str(), &head), 0);
   EXPECT_EQ(std::vector<int>({x, y, z}), std::vector<int>({nx, ny, nz}));
   x = y = 0;
-  get_mrcf_xy(x, y, ref.c_str());
+  EXPECT_EQ(get_mrcf_xy(x, y, ref.c_str()), 0);
   EXPECT_EQ(std::vector<int>({x, y}), std::vector<int>({nx, ny}));
   EXPECT_STREQ(mrcf_get_head_mode(ref.c_str()), "Float");
   EXPECT_EQ(mrcf_check_head(ref.c_str()), 0);

@@ -59,7 +59,7 @@ void launch_filter(const unsigned* found, unsigned* grid_index, const float* gri
 
 // The in-place filters of the hcuda_ family decide against a copy of the index array.
 void filter_in_place(unsigned* grid_index, const float* grid_cc, float cc_cutoff, int nx, int ny, int grid_step,
-                     const unsigned* exclusion, unsigned exclusion_n) {
+                     const unsigned* exclusion = nullptr, unsigned exclusion_n = 0) {
   const GridShape g = grid_shape(nx, ny, grid_step);
   unsigned* found = device_array<unsigned>(g.cells);
   PK_CUDA_CHECK(memcpy_D2D(found, grid_index, sizeof(unsigned) * g.cells));
@@ -69,7 +69,8 @@ void filter_in_place(unsigned* grid_index, const float* grid_cc, float cc_cutoff
 
 // Device scratch of one host-facing call: the find step's indices, the filtered indices, cc, psi.
 void find_filter_to_host(float* ccmax, float* psi, unsigned* h_index, float* h_cc, float* h_psi, float cc_cutoff,
-                         int nx, int ny, int grid_step, const unsigned* exclusion, unsigned exclusion_n) {
+                         int nx, int ny, int grid_step, const unsigned* exclusion = nullptr,
+                         unsigned exclusion_n = 0) {
   const GridShape g = grid_shape(nx, ny, grid_step);
   unsigned* found = device_array<unsigned>(g.cells);
   unsigned* index = device_array<unsigned>(g.cells);
@@ -117,7 +118,7 @@ void hcuda_find_ccmax_psi_grids(const float* ccmax, const float* psi, unsigned* 
 
 void hcuda_filter_ccmax_grids(const float* ccmax, unsigned* grid_index, const float* grid_cc, float cc_cutoff, int nx,
                               int ny, int grid_step) {
-  filter_in_place(grid_index, grid_cc, cc_cutoff, nx, ny, grid_step, nullptr, 0);
+  filter_in_place(grid_index, grid_cc, cc_cutoff, nx, ny, grid_step);
 }
 
 void hcuda_filter_ccmax_psi_grids_exclusive(unsigned* grid_index, const float* grid_cc, float cc_cutoff, int nx,
@@ -128,19 +129,19 @@ void hcuda_filter_ccmax_psi_grids_exclusive(unsigned* grid_index, const float* g
 void hcuda_find_filter_ccmax_grids(const float* ccmax, unsigned* grid_index, float* grid_cc, float cc_cutoff, int nx,
                                    int ny, int grid_step) {
   hcuda_find_ccmax_grids(ccmax, grid_index, grid_cc, nx, ny, grid_step);
-  filter_in_place(grid_index, grid_cc, cc_cutoff, nx, ny, grid_step, nullptr, 0);
+  filter_in_place(grid_index, grid_cc, cc_cutoff, nx, ny, grid_step);
 }
 
 void hcuda_find_update_filter_ccmax_grids(const float* ccmax, unsigned* grid_index, float* grid_cc, float cc_cutoff,
                                           int nx, int ny, int grid_step) {
   hcuda_find_update_ccmax_grids(ccmax, grid_index, grid_cc, nx, ny, grid_step);
-  filter_in_place(grid_index, grid_cc, cc_cutoff, nx, ny, grid_step, nullptr, 0);
+  filter_in_place(grid_index, grid_cc, cc_cutoff, nx, ny, grid_step);
 }
 
 void hcuda_find_filter_ccmax_psi_grids(const float* ccmax, const float* psi, unsigned* grid_index, float* grid_cc,
                                        float* grid_psi, float cc_cutoff, int nx, int ny, int grid_step) {
   hcuda_find_ccmax_psi_grids(ccmax, psi, grid_index, grid_cc, grid_psi, nx, ny, grid_step);
-  filter_in_place(grid_index, grid_cc, cc_cutoff, nx, ny, grid_step, nullptr, 0);
+  filter_in_place(grid_index, grid_cc, cc_cutoff, nx, ny, grid_step);
 }
 
 void gpu_find_filter_ccmax_psi_grids_exclusive(float* ccmax, float* psi, unsigned int* grid_index, float* grid_cc,
@@ -152,5 +153,5 @@ void gpu_find_filter_ccmax_psi_grids_exclusive(float* ccmax, float* psi, unsigne
 
 void gpu_find_filter_ccmax_psi_grids(float* ccmax, float* psi, unsigned int* grid_index, float* grid_cc,
                                      float* grid_psi, float cc_cutoff, int nx, int ny, int grid_step) {
-  find_filter_to_host(ccmax, psi, grid_index, grid_cc, grid_psi, cc_cutoff, nx, ny, grid_step, nullptr, 0);
+  find_filter_to_host(ccmax, psi, grid_index, grid_cc, grid_psi, cc_cutoff, nx, ny, grid_step);
 }
