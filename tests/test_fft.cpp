@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
-#include <initializer_list>
 #include <numeric>
 #include <string>
 #include <vector>
@@ -19,9 +18,18 @@
 
 namespace {
 
-void free_all(std::initializer_list<void*> ps) {
-  for (void* p : ps) cudaFree(p);
-}
+// A device copy of a host array, or n zeros, freed at the end of the scope.
+template <class T>
+struct Dev {
+  explicit Dev(const std::vector<T>& h) : p(to_device(h)), n(h.size()) {}
+  explicit Dev(size_t count) : p(device_zeros<T>(count)), n(count) {}
+  ~Dev() { cudaFree(p); }
+  Dev(const Dev&) = delete;
+  operator T*() const { return p; }
+  std::vector<T> host() const { return to_host(p, n); }
+  T* p;
+  size_t n;
+};
 
 template <class T>
 std::vector<T> slice(const std::vector<T>& v, size_t i, size_t len) {
@@ -58,6 +66,13 @@ std::vector<float> parts(const std::vector<float2>& c) {
 
 void expect_allclose(const std::vector<float2>& a, const std::vector<float2>& b, float atol, const std::string& what) {
   expect_allclose(parts(a), parts(b), atol, 0.0f, what);
+}
+
+std::vector<float2> random_complex(size_t n, unsigned seed) {
+  const std::vector<float> v = random_image(2 * n, seed);
+  std::vector<float2> c(n);
+  for (size_t i = 0; i < n; ++i) c[i] = make_float2(v[2 * i], v[2 * i + 1]);
+  return c;
 }
 
 // One coefficient of the forward DFT of a real nx x ny image, in double.
@@ -152,29 +167,25 @@ TEST(FftTransform, EveryFormMatchesBruteForceDftAndWritesNothingPastTheSpectrum)
   // _norm and host forms divide by sqrt(nx ny) each way; the host modulus is unscaled.
   for (auto [nx, ny] : {std::pair{6u, 5u}, {8u, 8u}, {5u, 6u}, {7u, 3u}, {2u, 4u}}) {
     SCOPED_TRACE(std::to_string(nx) + "x" + std::to_string(ny));
-    const unsigned nh = fft_half_width(nx), area = nx * ny, pad = 64;
-    const double norm = std::sqrt(static_cast<double>(area));
-    std::vector<float> img = random_image(area, 100 + nx * 10 + ny);
-    const std::vector<float2> exact = dft_half(img, nx, ny), exact_norm = dft_half(img, nx, ny, 1.0 / norm);
-    float* d_in = to_device(img);
-    float* d_back = device_zeros<float>(area);
-    float2* d_out = to_device(std::vector<float2>(nh * ny + pad, make_float2(-99.0f, -99.0f)));
-    float2* d_spec = to_device(exact);
-    DeviceFrees frees(d_in, d_back, d_out, d_spec);
+    const unsigned nh = fft_half_width(nx), area = nx * ny, plane = nh * ny;
+    const std::vector<float> img = random_image(area, 100 + nx * 10 + ny);
+    const std::vector<float2> exact = dft_half(img, nx, ny), exact_norm = dft_half(img, nx, ny, 1.0 / std::sqrt(area));
+    Dev<float> d_in(img), d_back(area);
+    Dev<float2> d_out(std::vector<float2>(plane + 64, make_float2(-99.0f, -99.0f))), d_spec(exact);
     hcuda_2d_fft_r2c(d_in, d_out, nx, ny);
-    const std::vector<float2> out = to_host(d_out, nh * ny + pad);
-    expect_allclose(slice(out, 0, nh * ny), exact, 2e-5f, "r2c");
-    for (unsigned i = nh * ny; i < nh * ny + pad; ++i) ASSERT_EQ(out[i].x, -99.0f) << i;
-    EXPECT_EQ(to_host(d_in, img.size()), img);  // the forward transform leaves its input intact
+    const std::vector<float2> out = d_out.host();
+    expect_allclose(slice(out, 0, plane), exact, 2e-5f, "r2c");
+    for (unsigned i = plane; i < out.size(); ++i) ASSERT_EQ(out[i].x, -99.0f) << i;
+    EXPECT_EQ(d_in.host(), img);  // the forward transform leaves its input intact
     hcuda_2d_fft_c2r(d_spec, d_back, nx, ny);
-    expect_allclose(to_host(d_back, area), mapped(img, [&](float v) { return v * area; }), 1e-4f, 1e-5f, "c2r");
+    expect_allclose(d_back.host(), mapped(img, [&](float v) { return v * area; }), 1e-4f, 1e-5f, "c2r");
     hcuda_2d_fft_r2c_norm(d_in, d_out, nx, ny);
-    expect_allclose(to_host(d_out, nh * ny), exact_norm, 5e-6f, "r2c_norm");
+    expect_allclose(slice(d_out.host(), 0, plane), exact_norm, 5e-6f, "r2c_norm");
     hcuda_2d_fft_c2r_norm(d_out, d_back, nx, ny);
-    expect_allclose(to_host(d_back, area), img, 2e-6f, 2e-6f, "c2r_norm");
+    expect_allclose(d_back.host(), img, 2e-6f, 2e-6f, "c2r_norm");
 
-    std::vector<float2> spec(nh * ny);
-    std::vector<float> back(area), mod(nh * ny), ref_mod(nh * ny);
+    std::vector<float2> spec(plane);
+    std::vector<float> back(area), mod(plane), ref_mod(plane);
     gpu_2d_fft_r2c(img.data(), spec.data(), nx, ny);
     expect_allclose(spec, exact_norm, 5e-6f, "gpu_2d_fft_r2c");
     gpu_2d_fft_c2r(spec.data(), back.data(), nx, ny);
@@ -187,13 +198,11 @@ TEST(FftTransform, EveryFormMatchesBruteForceDftAndWritesNothingPastTheSpectrum)
 
 TEST(FftTransform, WideSpectrumDcFirstAndNyquistColumns) {
   const unsigned nx = 4096, ny = 2, nh = nx / 2 + 1;
-  EXPECT_EQ(fft_half_width(4096), 2049u);
-  std::vector<float> img = random_image(nx * ny, 3);
-  float* d_in = to_device(img);
-  float2* d_spec = device_zeros<float2>(nh * ny);
-  DeviceFrees frees(d_in, d_spec);
+  const std::vector<float> img = random_image(nx * ny, 3);
+  Dev<float> d_in(img);
+  Dev<float2> d_spec(nh * ny);
   hcuda_2d_fft_r2c(d_in, d_spec, nx, ny);
-  std::vector<float2> spec = to_host(d_spec, nh * ny);
+  const std::vector<float2> spec = d_spec.host();
   for (unsigned ky = 0; ky < ny; ++ky)
     for (unsigned kx : {0u, 1u, nh - 1}) {
       const std::complex<double> want = dft_at(img, nx, ny, kx, ky);
@@ -211,9 +220,8 @@ TEST(FftTransform, InPlaceWithPaddedRowsAtAnyFloat2Offset) {
       const unsigned ny = 6, nh = nx / 2 + 1, stride = 2 * nh;
       std::vector<float> img = random_image(nx * ny, 21 + nx), padded(offset + stride * ny, 0.0f);
       for (unsigned y = 0; y < ny; ++y) std::copy_n(&img[y * nx], nx, &padded[offset + y * stride]);
-      float* d_base = to_device(padded);
-      DeviceFrees frees(d_base);
-      float* d_buf = d_base + offset;
+      Dev<float> d_base(padded);
+      float* d_buf = d_base.p + offset;
       float2* d_c = reinterpret_cast<float2*>(d_buf);
       hcuda_2d_fft_r2c(d_buf, d_c, nx, ny);
       expect_allclose(to_host(d_c, nh * ny), dft_half(img, nx, ny), 2e-5f, "in-place r2c");
@@ -227,83 +235,54 @@ TEST(FftTransform, InPlaceWithPaddedRowsAtAnyFloat2Offset) {
 TEST(FftTransform, StacksAtUnalignedOffsetsMatchSingleTransforms) {
   // 5 x 3 images are 60 bytes apart and their 3 x 3 spectra 72 bytes apart, so images and
   // spectra after the first start off the 16-byte alignment of a fresh buffer.
-  const unsigned nx = 5, ny = 3, n = 4, nh = nx / 2 + 1;
-  std::vector<float> stack = random_image(nx * ny * n, 31);
-  float* d_stack = to_device(stack);
-  float2* d_specs = device_zeros<float2>(nh * ny * n);
-  float* d_big = device_zeros<float>(nx * ny + 1);
-  float2* d_spec_big = device_zeros<float2>(nh * ny + 1);
-  DeviceFrees frees(d_stack, d_specs, d_big, d_spec_big);
+  const unsigned nx = 5, ny = 3, n = 4, plane = (nx / 2 + 1) * ny;
+  const std::vector<float> stack = random_image(nx * ny * n, 31);
+  Dev<float> d_stack(stack);
+  Dev<float2> d_specs(plane * n), d_spec_big(plane + 1);
   hcuda_2ds_fft_r2c(d_stack, d_specs, nx, ny, n);
-  std::vector<float2> specs = to_host(d_specs, nh * ny * n), host(nh * ny * n);
+  std::vector<float2> specs = d_specs.host(), host(plane * n);
   testing::internal::CaptureStdout();
   gpu_2ds_fft_r2c(stack.data(), host.data(), nx, ny, n);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), ".");
   for (unsigned i = 0; i < n; ++i) {
     SCOPED_TRACE(i);
     const std::vector<float> img = slice(stack, i, nx * ny);
-    expect_allclose(slice(specs, i, nh * ny), dft_half(img, nx, ny), 2e-5f, "hcuda_2ds");
-    expect_allclose(slice(host, i, nh * ny), dft_half(img, nx, ny, 1.0 / std::sqrt(15.0)), 5e-6f, "gpu_2ds");
+    expect_allclose(slice(specs, i, plane), dft_half(img, nx, ny), 2e-5f, "hcuda_2ds");
+    expect_allclose(slice(host, i, plane), dft_half(img, nx, ny, 1.0 / std::sqrt(15.0)), 5e-6f, "gpu_2ds");
   }
   // A single transform from a misaligned address, in and out.
-  ASSERT_EQ(memcpy_H2D(d_big + 1, stack.data(), sizeof(float) * nx * ny), cudaSuccess);
-  hcuda_2d_fft_r2c(d_big + 1, d_spec_big + 1, nx, ny);
-  expect_allclose(to_host(d_spec_big + 1, nh * ny), slice(specs, 0, nh * ny), 1e-5f, "misaligned single");
+  std::vector<float> big(1, 0.0f);
+  big.insert(big.end(), stack.begin(), stack.begin() + nx * ny);
+  Dev<float> d_big(big);
+  hcuda_2d_fft_r2c(d_big.p + 1, d_spec_big.p + 1, nx, ny);
+  expect_allclose(to_host(d_spec_big.p + 1, plane), slice(specs, 0, plane), 1e-5f, "misaligned single");
 }
 
-TEST(FftProducts, MultconjFormulaAndShiftedCopyPeaksAtCentrePlusShift) {
-  std::vector<float2> a = {make_float2(1.0f, 2.0f), make_float2(-3.0f, 0.5f)};
-  std::vector<float2> b = {make_float2(4.0f, -1.0f), make_float2(2.0f, 2.0f)};
-  // (1 + 2i)(4 + i) = 2 + 9i; (-3 + 0.5i)(2 - 2i) = -5 + 7i; both halved.
+TEST(FftProducts, MultconjTimesTheConjugateOverD) {
+  // (1 + 2i)(4 + i) = 2 + 9i; (-3 + 0.5i)(2 - 2i) = -5 + 7i; both halved. The correlation chain
+  // built on it is checked against a brute-force correlation in test_matching.
+  Dev<float2> d_a(std::vector<float2>{make_float2(1.0f, 2.0f), make_float2(-3.0f, 0.5f)}),
+      d_b(std::vector<float2>{make_float2(4.0f, -1.0f), make_float2(2.0f, 2.0f)}), d_out(2);
   const std::vector<float2> want = {make_float2(1.0f, 4.5f), make_float2(-2.5f, 3.5f)};
-  float2* d_a = to_device(a);
-  float2* d_b = to_device(b);
-  float2* d_out = device_zeros<float2>(2);
-  DeviceFrees frees(d_a, d_b, d_out);
   hcuda_c2d_multconj_norm(d_a, d_b, d_out, 2, 1, 2.0f);
-  expect_allclose(to_host(d_out, 2), want, 0.0f, "multconj");
+  expect_allclose(d_out.host(), want, 0.0f, "multconj");
   hcuda_c2d_multconj_norm_inplace(d_a, d_b, 2, 1, 2.0f);
-  expect_allclose(to_host(d_a, 2), want, 0.0f, "multconj in place");
-
-  // The correlation chain: its peak sits at the centre plus the shift, at the sum of squares.
-  const unsigned nx = 64, ny = 48, nh = nx / 2 + 1;
-  std::vector<float> img = random_image(nx * ny, 100);
-  const double sumsq = std::inner_product(img.begin(), img.end(), img.begin(), 0.0);
-  float* d_img = to_device(img);
-  float2* d_fb = device_zeros<float2>(nh * ny);
-  float2* d_fa = device_zeros<float2>(nh * ny);
-  float* d_map = device_zeros<float>(nx * ny);
-  DeviceFrees more(d_img, d_fb, d_fa, d_map);
-  hcuda_2d_fft_r2c(d_img, d_fb, nx, ny);
-  for (auto [dx, dy] : {std::pair{5, -3}, {-11, 7}, {0, 0}}) {
-    SCOPED_TRACE(std::to_string(dx) + " " + std::to_string(dy));
-    ASSERT_EQ(memcpy_H2D(d_img, roll(img, nx, ny, dx, dy).data(), sizeof(float) * nx * ny), cudaSuccess);
-    hcuda_2d_fft_r2c(d_img, d_fa, nx, ny);
-    hcuda_c2d_multconj_norm_inplace(d_fa, d_fb, nh, ny, static_cast<float>(nx) * static_cast<float>(ny));
-    hcuda_2d_fft_c2r(d_fa, d_map, nx, ny);
-    hcuda_2d_swap_ccf_inplace(d_map, nx, ny);
-    std::vector<float> map = to_host(d_map, nx * ny);
-    const size_t peak = std::max_element(map.begin(), map.end()) - map.begin();
-    EXPECT_EQ(peak % nx, static_cast<size_t>(static_cast<int>(nx / 2) + dx));
-    EXPECT_EQ(peak / nx, static_cast<size_t>(static_cast<int>(ny / 2) + dy));
-    EXPECT_NEAR(map[peak], sumsq, 1e-3 * sumsq);
-  }
+  expect_allclose(d_a.host(), want, 0.0f, "multconj in place");
 }
 
 TEST(FftSwaps, InPlaceSwapIsHalfRollAndItsOwnInverseForEvenSizes) {
   // 64 x 30 spans more tiles across than down: a launch that took x for y would miss pixels.
   for (auto [nx, ny] : {std::pair{64u, 30u}, {6u, 4u}, {70u, 66u}}) {
     SCOPED_TRACE(nx);
-    std::vector<float> img = random_image(nx * ny, 70 + nx);
+    const std::vector<float> img = random_image(nx * ny, 70 + nx);
     const std::vector<float> rolled = roll(img, nx, ny, static_cast<int>(nx / 2), static_cast<int>(ny / 2));
-    float* d = to_device(img);
-    DeviceFrees frees(d);
+    Dev<float> d(img);
     hcuda_2d_swap_ccf_inplace(d, nx, ny);
-    EXPECT_EQ(to_host(d, img.size()), rolled);
+    EXPECT_EQ(d.host(), rolled);
     hcuda_r2d_fc_swap_inplace(d, nx, ny);  // the same swap under its other name
-    EXPECT_EQ(to_host(d, img.size()), img);
+    EXPECT_EQ(d.host(), img);
     hcuda_2d_swap_norm_ccf_inplace(d, nx, ny, 4.0f);
-    EXPECT_EQ(to_host(d, img.size()), mapped(rolled, [](float v) { return v / 4.0f; }));
+    EXPECT_EQ(d.host(), mapped(rolled, [](float v) { return v / 4.0f; }));
   }
 }
 
@@ -311,169 +290,130 @@ TEST(FftSwaps, OutOfPlaceRowAndCenterSwaps) {
   // Odd sides: the out-of-place forms are plain mappings. Wider than one launch tile and less
   // high than one, so that a launch taking x for y shows.
   const unsigned nx = 71, ny = 5, ex = 41, ey = 6, cx = 35, cy = 3, n = cx * cy;
-  std::vector<float> img = random_image(nx * ny, 80), half = random_image(ex * ey, 81);
-  std::vector<float2> c(ex * ey), cwant(n), cwant_norm(n);
-  for (size_t i = 0; i < c.size(); ++i) c[i] = make_float2(static_cast<float>(i), -static_cast<float>(i));
-  // The complex center swap of an odd count: element i goes to (i + 52) % 105.
-  for (unsigned i = 0; i < n; ++i) {
-    cwant[(i + n / 2) % n] = c[i];
-    cwant_norm[(i + n / 2) % n] = make_float2(c[i].x / 2.0f, c[i].y / 2.0f);
-  }
-  float* d_in = to_device(img);
-  float* d_out = device_zeros<float>(nx * ny);
-  float* d_half = to_device(half);  // half-width array, even rows
-  float2* d_c = to_device(c);
-  float2* d_c2 = to_device(slice(c, 0, n));
-  float2* d_cs = device_zeros<float2>(n);
-  DeviceFrees frees(d_in, d_out, d_half, d_c, d_c2, d_cs);
+  const std::vector<float> img = random_image(nx * ny, 80), half = random_image(ex * ey, 81);
+  const std::vector<float2> c = random_complex(ex * ey, 82);
+  std::vector<float2> cwant(n);  // the complex center swap of an odd count: i goes to (i + 52) % 105
+  for (unsigned i = 0; i < n; ++i) cwant[(i + n / 2) % n] = c[i];
+  Dev<float> d_in(img), d_out(nx * ny), d_half(half);  // half-width array, even rows
+  Dev<float2> d_c(c), d_c2(slice(c, 0, n)), d_cs(n);
   hcuda_2d_swap_ccf(d_out, d_in, nx, ny);
-  EXPECT_EQ(to_host(d_out, nx * ny), roll(img, nx, ny, 35, 2));
+  EXPECT_EQ(d_out.host(), roll(img, nx, ny, 35, 2));
   hcuda_r2d_fc_swap(d_out, d_in, nx, ny);
-  EXPECT_EQ(to_host(d_out, nx * ny), roll(img, nx, ny, 35, 2));
+  EXPECT_EQ(d_out.host(), roll(img, nx, ny, 35, 2));
   hcuda_r2dh_fc_swap(d_out, d_in, nx, ny);
-  EXPECT_EQ(to_host(d_out, nx * ny), row_swap(img, nx, ny));
+  EXPECT_EQ(d_out.host(), row_swap(img, nx, ny));
   hcuda_r2dh_fc_swap_inplace(d_half, ex, ey);
-  EXPECT_EQ(to_host(d_half, ex * ey), row_swap(half, ex, ey));
+  EXPECT_EQ(d_half.host(), row_swap(half, ex, ey));
   hcuda_c2dh_fc_swap_inplace(d_c, ex, ey);
-  expect_allclose(to_host(d_c, c.size()), row_swap(c, ex, ey), 0.0f, "complex row swap");
+  expect_allclose(d_c.host(), row_swap(c, ex, ey), 0.0f, "complex row swap");
   hcuda_complex2d_center_swap(d_cs, d_c2, cx, cy);
-  expect_allclose(to_host(d_cs, n), cwant, 0.0f, "center swap");
+  expect_allclose(d_cs.host(), cwant, 0.0f, "center swap");
   hcuda_complex2d_center_swap_norm(d_cs, d_c2, cx, cy, 2.0f);
-  expect_allclose(to_host(d_cs, n), cwant_norm, 0.0f, "center swap norm");
+  expect_allclose(parts(d_cs.host()), mapped(parts(cwant), [](float v) { return v / 2.0f; }), 0.0f, 0.0f, "norm");
 }
 
 TEST(FftAmplitude, FlatKernelsWriteAtTheCenterSwappedIndex) {
-  const unsigned width = 3, rows = 4, n = width * rows;
+  // 3 x 4: for an even number of rows the center swap is the row swap. The plain and per-image
+  // weighted sums are checked through the stack averages below.
+  const unsigned n = 12;
   std::vector<float2> c(n);
-  std::vector<float> W(n);
-  for (unsigned i = 0; i < n; ++i) {
-    c[i] = make_float2(3.0f * i, 4.0f * i);  // modulus 5 i
-    W[i] = static_cast<float>(i);
-  }
-  float2* d_c = to_device(c);
-  float* d_W = to_device(W);
-  float* d_out = device_zeros<float>(n);
-  DeviceFrees frees(d_c, d_W, d_out);
-  // Each kernel acts on the output of the one before; want(i, k) is the value at k = (i + n/2) % n.
-  auto check = [&](const char* what, auto want) {
-    std::vector<float> out = to_host(d_out, n);
-    for (unsigned i = 0; i < n; ++i) EXPECT_FLOAT_EQ(out[(i + n / 2) % n], want(i, (i + n / 2) % n)) << what << i;
-  };
+  std::vector<float> W(n), mod(n);
+  for (unsigned i = 0; i < n; ++i) c[i] = make_float2(3.0f * i, 4.0f * i), W[i] = 0.5f * i, mod[i] = 5.0f * i;
+  Dev<float2> d_c(c);
+  Dev<float> d_W(W), d_out(n);
   hcuda_complex_mod_center_swap(d_out, d_c, n);
-  check("mod", [](unsigned i, unsigned) { return 5.0f * i; });
-  // For an even number of rows the center swap is the row swap.
-  EXPECT_EQ(to_host(d_out, n), row_swap(mapped(W, [](float i) { return 5.0f * i; }), width, rows));
-  hcuda_complex_mod_addto_center_swap(d_out, d_c, n);
-  check("addto", [](unsigned i, unsigned) { return 10.0f * i; });
-  hcuda_complex_mod_weighted_addto_center_swap(d_out, d_c, n, 0.5f);
-  check("weighted addto", [](unsigned i, unsigned) { return 12.5f * i; });
-  hcuda_empty_f32(d_out, n);
+  std::vector<float> want = row_swap(mod, 3, 4);
+  EXPECT_EQ(d_out.host(), want);
+  // Each weight belongs to the destination element.
   hcuda_complex_mod_Ws_addto_center_swap(d_out, d_c, n, d_W);
-  check("Ws addto, weight of the destination", [&](unsigned i, unsigned k) { return 5.0f * i * W[k]; });
+  for (unsigned k = 0; k < n; ++k) want[k] += want[k] * W[k];
+  EXPECT_EQ(d_out.host(), want);
   hcuda_complex_logmod_center_swap(d_out, d_c, n);
-  std::vector<float> out = to_host(d_out, n);
+  std::vector<float> out = d_out.host();
   EXPECT_TRUE(std::isinf(out[n / 2]) && out[n / 2] < 0.0f);  // element 0 has modulus 0
   for (unsigned i = 1; i < n; ++i) EXPECT_NEAR(out[(i + n / 2) % n], std::log(5.0f * i), 1e-6f);
 }
 
 TEST(FftAmplitude, HalfToFullAndBack) {
   const unsigned nx = 70, ny = 8, nh = nx / 2 + 1;  // wider than a tile, less high
-  std::vector<float> half(nh * ny);
-  for (size_t i = 0; i < half.size(); ++i) half[i] = static_cast<float>(i) + 0.25f;
-  float* d_half = to_device(half);
-  float* d_full = device_zeros<float>(nx * ny);
-  float* d_back = device_zeros<float>(nh * ny);
-  DeviceFrees frees(d_half, d_full, d_back);
+  const std::vector<float> half = random_image(nh * ny, 90);
+  Dev<float> d_half(half), d_full(nx * ny), d_back(nh * ny);
   hcuda_2d_fftA_half2full(d_full, d_half, nx, ny);
   std::vector<float> full = reference_half2full(half, nx, ny);
-  EXPECT_EQ(to_host(d_full, nx * ny), full);
+  EXPECT_EQ(d_full.host(), full);
   hcuda_2d_fftA_full2half(d_back, d_full, nx, ny);
-  EXPECT_EQ(to_host(d_back, nh * ny), half);
+  EXPECT_EQ(d_back.host(), half);
   hcuda_2d_fftA_half2full_c0(d_full, d_half, nx, ny);
   full[(ny / 2) * nx + nx / 2] = 0.0f;
-  EXPECT_EQ(to_host(d_full, nx * ny), full);
+  EXPECT_EQ(d_full.host(), full);
 }
 
 TEST(FftWeights, SpectrumAverageDeviceAndHost) {
-  const unsigned w = 5, h = 3, n = 4;
-  std::vector<float> parts = random_image(2 * w * h * n, 5);
-  std::vector<float2> in(w * h * n), host(w * h), want(w * h);
-  for (size_t i = 0; i < in.size(); ++i) in[i] = make_float2(parts[2 * i], parts[2 * i + 1]);
-  for (unsigned i = 0; i < w * h; ++i) {
+  const unsigned w = 5, h = 3, n = 4, plane = w * h;
+  const std::vector<float2> in = random_complex(plane * n, 5);
+  std::vector<float2> host(plane), want(plane);
+  for (unsigned i = 0; i < plane; ++i) {
     float sx = 0.0f, sy = 0.0f;  // in image order, then one division
-    for (unsigned k = 0; k < n; ++k) sx += in[k * w * h + i].x, sy += in[k * w * h + i].y;
+    for (unsigned k = 0; k < n; ++k) sx += in[k * plane + i].x, sy += in[k * plane + i].y;
     want[i] = make_float2(sx / n, sy / n);
   }
   cpu_2ds_fftout_r2c_ave(in.data(), host.data(), w, h, n);
   expect_allclose(host, want, 0.0f, "host");
-  float2* d_in = to_device(in);
-  float2* d_out = device_zeros<float2>(w * h);
-  DeviceFrees frees(d_in, d_out);
+  Dev<float2> d_in(in), d_out(plane);
   hcuda_c2ds_ave(d_out, d_in, w, h, n);
-  expect_allclose(to_host(d_out, w * h), want, 0.0f, "device");
+  expect_allclose(d_out.host(), want, 0.0f, "device");
 }
 
 TEST(FftWeights, IntegerShiftIsACircularRoll) {
+  // gpu_2d_shift runs hcuda_2d_shift; gpu_2d_shift_inplace runs gpu_2d_shift2, which runs
+  // hcuda_2d_shift_inplace: the two host forms take every path.
   const unsigned nx = 16, ny = 12;
   const int sx = 3, sy = -2;
-  std::vector<float> img = random_image(nx * ny, 110);
+  const std::vector<float> img = random_image(nx * ny, 110);
   // The ramp e^(+i phi) moves the picture by (-sx, -sy): out(x, y) = in(x + sx, y + sy).
   const std::vector<float> want = roll(img, nx, ny, -sx, -sy);
   std::vector<float> out(nx * ny), a(img);
   gpu_2d_shift(img.data(), out.data(), nx, ny, sx, sy);
   expect_allclose(out, want, 2e-6f, 2e-6f, "gpu_2d_shift");
-  gpu_2d_shift2(img.data(), out.data(), nx, ny, sx, sy);
-  expect_allclose(out, want, 2e-6f, 2e-6f, "gpu_2d_shift2");
   gpu_2d_shift_inplace(a.data(), nx, ny, sx, sy);
   expect_allclose(a, want, 2e-6f, 2e-6f, "gpu_2d_shift_inplace");
-  float* d = to_device(img);
-  DeviceFrees frees(d);
-  hcuda_2d_shift_inplace(d, nx, ny, sx, sy);
-  expect_allclose(to_host(d, nx * ny), want, 2e-6f, 2e-6f, "hcuda_2d_shift_inplace");
 }
 
 TEST(FftWeights, PhaseRampValues) {
   const unsigned nh = 5, ny = 4;  // nx = 8
-  float2* d_in = to_device(std::vector<float2>(nh * ny, make_float2(1.0f, 0.0f)));
-  float2* d_out = device_zeros<float2>(nh * ny);
-  DeviceFrees frees(d_in, d_out);
+  Dev<float2> d_in(std::vector<float2>(nh * ny, make_float2(1.0f, 0.0f))), d_out(nh * ny);
   hcuda_c2dh_linear_Pshift(d_in, d_out, nh, ny, 1.0f, 1.0f);
-  std::vector<float2> out = to_host(d_out, nh * ny);
+  const std::vector<float2> out = d_out.host();
   // (2, 3): fy = 3 - 4 = -1, phi = 2 pi (2 / 8 - 1 / 4) = 0. (1, 0): phi = 2 pi / 8. (0, 2): row
   // ny / 2 counts as -2: phi = -pi.
-  EXPECT_NEAR(out[3 * nh + 2].x, 1.0f, 1e-6f);
-  EXPECT_NEAR(out[3 * nh + 2].y, 0.0f, 1e-6f);
-  EXPECT_NEAR(out[1].x, std::cos(3.14159265f / 4.0f), 1e-6f);
-  EXPECT_NEAR(out[1].y, std::sin(3.14159265f / 4.0f), 1e-6f);
-  EXPECT_NEAR(out[2 * nh].x, -1.0f, 1e-6f);
+  expect_allclose({out[3 * nh + 2], out[1], out[2 * nh]},
+                  {make_float2(1.0f, 0.0f), make_float2(std::sqrt(0.5f), std::sqrt(0.5f)), make_float2(-1.0f, 0.0f)},
+                  1e-6f, "ramp");
   hcuda_c2dh_linear_Pshift_inplace(d_in, nh, ny, 1.0f, 1.0f);
-  expect_allclose(to_host(d_in, nh * ny), out, 0.0f, "in place");
+  expect_allclose(d_in.host(), out, 0.0f, "in place");
 }
 
 TEST(FftWeights, RadialRampEdgesFallAndCap) {
   // With no fall width the factor is r below rc, rc exactly at rc and 0 beyond.
   const unsigned nh = 9, ny = 16;
   const float R = 0.25f;
-  float2* d_in = to_device(std::vector<float2>(nh * ny, make_float2(1.0f, -2.0f)));
-  float2* d_out = device_zeros<float2>(nh * ny);
-  DeviceFrees frees(d_in, d_out);
+  Dev<float2> d_in(std::vector<float2>(nh * ny, make_float2(1.0f, -2.0f))), d_out(nh * ny);
   hcuda_c2dh_rweight(d_out, d_in, nh, ny, R, 0.0f);
-  std::vector<float2> out = to_host(d_out, nh * ny);
+  const std::vector<float2> out = d_out.host();
   int count[3] = {0, 0, 0};  // below, at, beyond
   for (unsigned y = 0; y < ny; ++y)
     for (unsigned x = 0; x < nh; ++x) {
-      SCOPED_TRACE(std::to_string(x) + " " + std::to_string(y));
       const float fx = static_cast<float>(x) / 16.0f, fy = static_cast<float>(y < ny / 2 ? y : ny - y) / 16.0f;
       const float r = std::sqrt(fx * fx + fy * fy), f = r < R ? r : r == R ? R : 0.0f;
-      EXPECT_FLOAT_EQ(out[y * nh + x].x, f);
-      EXPECT_FLOAT_EQ(out[y * nh + x].y, -2.0f * f);
+      EXPECT_FLOAT_EQ(out[y * nh + x].x, f) << x << " " << y;
+      EXPECT_FLOAT_EQ(out[y * nh + x].y, -2.0f * f) << x << " " << y;
       ++count[r < R ? 0 : r == R ? 1 : 2];
     }
   EXPECT_GT(count[0], 0);
   EXPECT_EQ(count[1], 3);  // (4, 0), (0, 4) and (0, 12): x^2 + y^2 = 16 has no other solution
   EXPECT_GT(count[2], 0);
   hcuda_c2dh_rweight_inplace(d_in, nh, ny, R, 0.0f);
-  expect_allclose(to_host(d_in, nh * ny), out, 0.0f, "in place");
+  expect_allclose(d_in.host(), out, 0.0f, "in place");
   // R above 0.5 is capped; with W > 0 and rc + W above 0.5 the fall width is 0.5 - rc = 0.
   EXPECT_EQ(fft_rweight_factor(8, 0, 9, 16, 0.7f, 0.1f), 0.5f);   // r = 0.5 = rc
   EXPECT_EQ(fft_rweight_factor(8, 4, 9, 16, 0.7f, 0.1f), 0.0f);   // beyond, s = 0
@@ -485,21 +425,19 @@ TEST(FftWeights, RadialRampEdgesFallAndCap) {
 
 TEST(FftWeights, RealImageRampMatchesTheChain) {
   const unsigned nx = 24, ny = 20, nh = nx / 2 + 1;
-  std::vector<float> img = random_image(nx * ny, 120);
-  float* d_in = to_device(img);
-  float* d_out = device_zeros<float>(nx * ny);
-  float2* d_spec = device_zeros<float2>(nh * ny);
-  DeviceFrees frees(d_in, d_out, d_spec);
+  const std::vector<float> img = random_image(nx * ny, 120);
+  Dev<float> d_in(img), d_out(nx * ny);
+  Dev<float2> d_spec(nh * ny);
   hcuda_r2d_rweight(d_out, d_in, nx, ny, 0.3f, 0.1f);
-  std::vector<float> out = to_host(d_out, nx * ny);
+  const std::vector<float> out = d_out.host();
   hcuda_2d_fft_r2c_norm(d_in, d_spec, nx, ny);
   hcuda_c2dh_rweight_inplace(d_spec, nh, ny, 0.3f, 0.1f);
   hcuda_2d_fft_c2r_norm(d_spec, d_out, nx, ny);
-  expect_allclose(out, to_host(d_out, nx * ny), 1e-6f, 1e-6f, "rweight chain");
+  expect_allclose(out, d_out.host(), 1e-6f, 1e-6f, "rweight chain");
   // The mean is removed: the ramp is 0 at the origin.
   EXPECT_NEAR(std::accumulate(out.begin(), out.end(), 0.0) / (nx * ny), 0.0, 1e-6);
   hcuda_r2d_rweight_inplace(d_in, nx, ny, 0.3f, 0.1f);
-  expect_allclose(to_host(d_in, nx * ny), out, 1e-6f, 1e-6f, "rweight in place");
+  expect_allclose(d_in.host(), out, 1e-6f, 1e-6f, "rweight in place");
   // An odd ramp size, and an unknown average type, stop.
   EXPECT_EXIT_REPORT(
       hcuda_r2d_rweight(d_out, d_out, 7, 8, 0.3f, 0.1f),
@@ -519,17 +457,15 @@ TEST(FftWeights, LocalAmplitudeWeights) {
   cpu_2d_fft_amp_local_w2d_gen(host.data(), width, ny, a, b, c, d);
   EXPECT_EQ(host[(ny / 2) * width + 0], 1.0f);                      // r = 0 at the row-swapped origin
   EXPECT_NEAR(host[12 * width + 4], gauss(std::sqrt(0.125)), 1e-6);  // (4, 8 + 4): fx = fy = 0.25
-  float* d_w = device_zeros<float>(plane);
+  Dev<float> d_w(plane);
   hcuda_2d_fft_amp_local_w2d_gen(d_w, width, ny, a, b, c, d);
-  expect_allclose(to_host(d_w, plane), host, 1e-7f, 1e-6f, "w2d device and host");
+  expect_allclose(d_w.host(), host, 1e-7f, 1e-6f, "w2d device and host");
 
   const std::vector<float> dist = {0.0f, 1.0f, 2.5f};
-  float* d_dist = to_device(dist);
-  float* d_ws = device_zeros<float>(plane * dist.size());
-  float* d_w1 = device_zeros<float>(3);
+  Dev<float> d_dist(dist), d_ws(plane * dist.size()), d_w1(3);
   hcuda_2ds_fft_amp_local_w2ds_gen(d_ws, width, ny, 3, d_dist, b, c, d);
   hcuda_2ds_fft_amp_local_w1d_gen(d_w1, 3, d_dist, b);
-  std::vector<float> ws = to_host(d_ws, plane * dist.size()), w1 = to_host(d_w1, 3);
+  const std::vector<float> ws = d_ws.host(), w1 = d_w1.host();
   for (unsigned i = 0; i < dist.size(); ++i) {
     cpu_2d_fft_amp_local_w2d_gen(host.data(), width, ny, dist[i], b, c, d);
     expect_allclose(slice(ws, i, plane), host, 1e-7f, 1e-6f, "w2ds slice " + std::to_string(i));
@@ -539,13 +475,12 @@ TEST(FftWeights, LocalAmplitudeWeights) {
   cpu_2d_fft_amp_local_w1d_gen(w1d.data(), 5, a, b, c, d);
   EXPECT_EQ(w1d[0], 1.0f);
   EXPECT_NEAR(w1d[4], gauss(4.0 / 8.0), 1e-6);  // i / (2 n - 2) = 0.5 at the last element
-  free_all({d_w, d_dist, d_ws, d_w1});
 }
 
 TEST(FftWeights, BFactors) {
   const unsigned width = 9, ny = 8;
   const float apix = 1.5f, B = 40.0f;
-  std::vector<float> in = mapped(random_image(width * ny, 130), [](float x) { return 1.5f + x; });
+  const std::vector<float> in = mapped(random_image(width * ny, 130), [](float x) { return 1.5f + x; });
   std::vector<float> out(in.size()), usw(in.size());
   cpu_r2dh_fftA_appy_bfac(out.data(), in.data(), width, ny, apix, B);
   EXPECT_EQ(out[(ny / 2) * width], in[(ny / 2) * width]);  // origin of a swapped array
@@ -563,20 +498,17 @@ TEST(FftStacks, PerImageModPowLogmodAndLogmodSubbg) {
   const unsigned nx = 16, ny = 12, nh = nx / 2 + 1, n = 3, plane = nh * ny;
   const int box = 4;
   const float norm = std::sqrt(static_cast<float>(nx * ny));
-  std::vector<float> stack = random_image(nx * ny * n, 150);
+  const std::vector<float> stack = random_image(nx * ny * n, 150);
   const auto amps = stack_amplitudes(stack, nx, ny, n);
-  float* d_stack = to_device(stack);
-  float* d_out = device_zeros<float>(plane * n);
+  Dev<float> d_stack(stack), d_out(plane * n);
   auto run = [&](void (*f)(const float*, float*, unsigned, unsigned, unsigned)) {
     f(d_stack, d_out, nx, ny, n);
-    return to_host(d_out, plane * n);
+    return d_out.host();
   };
   const std::vector<float> mod = run(hcuda_2ds_fft_r2c_mod), pw = run(hcuda_2ds_fft_r2c_pow),
                            lm = run(hcuda_2ds_fft_r2c_logmod);
   hcuda_2ds_fft_r2c_logmod_subbg(d_out, d_stack, nx, ny, n, box);
-  const std::vector<float> sub = to_host(d_out, plane * n);
-  free_all({d_stack, d_out});
-
+  const std::vector<float> sub = d_out.host();
   // logmod_subbg subtracts the box mean of the mean log modulus from each image's log modulus.
   std::vector<float> mean(plane, 0.0f);
   for (unsigned i = 0; i < n; ++i)
@@ -599,22 +531,15 @@ TEST(FftStacks, PerImageModPowLogmodAndLogmodSubbg) {
 TEST(FftStacks, AmplitudeAveragesAreWeightedSums) {
   const unsigned nx = 16, ny = 10, nh = nx / 2 + 1, n = 3, plane = nh * ny;
   const int box = 5;
-  std::vector<float> stack = random_image(nx * ny * n, 180);
-  const std::vector<float> w = {0.5f, 1.0f, 2.0f};
+  const std::vector<float> stack = random_image(nx * ny * n, 180), w = {0.5f, 1.0f, 2.0f};
   const auto amps = stack_amplitudes(stack, nx, ny, n);
-  std::vector<float> sum(plane, 0.0f), wsum(plane, 0.0f);
+  std::vector<float> sum(plane, 0.0f), wsum(plane, 0.0f), W(plane * n);
   for (unsigned i = 0; i < n; ++i)
-    for (unsigned k = 0; k < plane; ++k) sum[k] += amps[i][k], wsum[k] += amps[i][k] * w[i];
+    for (unsigned k = 0; k < plane; ++k) sum[k] += amps[i][k], wsum[k] += amps[i][k] * w[i], W[i * plane + k] = w[i];
   // Type 2 weights every element of image i; here all by w[i], which must equal type 1.
-  std::vector<float> W(plane * n);
-  for (unsigned i = 0; i < n; ++i) std::fill(W.begin() + i * plane, W.begin() + (i + 1) * plane, w[i]);
-  float* d_stack = to_device(stack);
-  float* d_out = to_device(std::vector<float>(plane, 123.0f));  // cleared first
-  float* d_w = to_device(w);
-  float* d_W = to_device(W);
-  float* d_ones = to_device(std::vector<float>(n, 1.0f));
+  Dev<float> d_stack(stack), d_out(std::vector<float>(plane, 123.0f)), d_w(w), d_W(W);  // the output is cleared first
   auto check = [&](const char* what, const std::vector<float>& want, float atol) {
-    expect_allclose(to_host(d_out, plane), want, atol, 1e-4f, what);
+    expect_allclose(d_out.host(), want, atol, 1e-4f, what);
   };
   hcuda_2ds_fft_r2c_amp_ave(d_stack, d_out, nx, ny, n);
   check("amp_ave", sum, 1e-5f * max_abs(sum));
@@ -632,89 +557,63 @@ TEST(FftStacks, AmplitudeAveragesAreWeightedSums) {
   check("weighted log subbg, type 1", reference_subbg(log_of(wsum), nh, ny, box), 1e-4f);
   hcuda_2ds_fft_r2c_amp_weighted_ave_log_subbg(d_stack, d_out, nx, ny, n, box, d_W, 2);
   check("weighted log subbg, type 2", reference_subbg(log_of(wsum), nh, ny, box), 1e-4f);
-  hcuda_2ds_fft_r2c_amp_weighted_ave_log_subbg(d_stack, d_out, nx, ny, n, box, d_ones, 1);
-  check("weighted log subbg, unit weights", reference_subbg(log_of(sum), nh, ny, box), 1e-4f);
-  free_all({d_stack, d_out, d_w, d_W, d_ones});
 }
 
 TEST(FftStacks, BoxesAreCutThenTransformed) {
   const unsigned nx = 40, ny = 30;
-  const int b = 8;
-  std::vector<float> img = random_image(nx * ny, 170);
+  const int b = 8, count = 3;
+  const std::vector<float> img = random_image(nx * ny, 170);
   std::vector<int2> boxes = {make_int2(0, 0), make_int2(13, 7), make_int2(36, 25)};  // the last leaves the image
-  const int count = static_cast<int>(boxes.size());
-  const unsigned plane = (b / 2 + 1) * b;
-  float* d_img = to_device(img);
-  float* d_out = device_zeros<float>(plane * count);
-  hcuda_2d_boxes_fft_r2c_mod(d_out, boxes.data(), count, b, d_img, nx, ny);
   std::vector<float> cut(b * b * count);
   cpu_2d_extract_smalls_from_large(cut.data(), b, b, count, img.data(), nx, ny, boxes.data());
-  float* d_cut = to_device(cut);
-  float* d_ref = device_zeros<float>(plane * count);
+  Dev<float> d_img(img), d_cut(cut), d_out((b / 2 + 1) * b * count), d_ref((b / 2 + 1) * b * count);
+  hcuda_2d_boxes_fft_r2c_mod(d_out, boxes.data(), count, b, d_img, nx, ny);
   hcuda_2ds_fft_r2c_mod(d_cut, d_ref, b, b, count);
-  EXPECT_EQ(to_host(d_out, plane * count), to_host(d_ref, plane * count));
-  free_all({d_img, d_out, d_cut, d_ref});
+  EXPECT_EQ(d_out.host(), d_ref.host());
 }
 
 TEST(FftStacks, HalfArrayBackgroundSubtraction) {
+  // The in-place and logarithmic forms run inside amp_ave_log_subbg above.
   const unsigned nh = 9, ny = 12;
-  const int box = 5;
-  std::vector<float> half = mapped(random_image(nh * ny, 190), [](float x) { return 1.5f + x; });
-  const std::vector<float> want = reference_subbg(half, nh, ny, box);
-  float* d_in = to_device(half);
-  float* d_out = device_zeros<float>(nh * ny);
-  float* d_a = to_device(half);
-  hcuda_2dh_fftA_subbg(d_out, d_in, nh, ny, box);
-  expect_allclose(to_host(d_out, nh * ny), want, 1e-5f, 1e-5f, "subbg");
-  hcuda_2dh_fftA_subbg_inplace(d_in, nh, ny, box);
-  expect_allclose(to_host(d_in, nh * ny), want, 1e-5f, 1e-5f, "subbg in place");
-  hcuda_2dh_fft_amp_log_subbg_inplace(d_a, nh, ny, box);
-  expect_allclose(to_host(d_a, nh * ny), reference_subbg(log_of(half), nh, ny, box), 1e-5f, 1e-5f, "log subbg");
-  free_all({d_in, d_out, d_a});
+  const std::vector<float> half = random_image(nh * ny, 190);
+  Dev<float> d_in(half), d_out(nh * ny);
+  hcuda_2dh_fftA_subbg(d_out, d_in, nh, ny, 5);
+  expect_allclose(d_out.host(), reference_subbg(half, nh, ny, 5), 1e-5f, 1e-5f, "subbg");
+  EXPECT_EQ(d_in.host(), half);
 }
 
 TEST(FftTiles, GridSumsTheTileAmplitudes) {
   const unsigned nx = 41, ny = 36, bx = 16, by = 12, step = 8, nh = bx / 2 + 1, plane = nh * by;
   const int box = 4;
   // gx = (41 - 16) / 8 + 1 = 4, gy = (36 - 12) / 8 + 1 = 4.
-  std::vector<float> img = random_image(nx * ny, 200);
+  const std::vector<float> img = random_image(nx * ny, 200);
   std::vector<int2> corners;
   for (unsigned r = 0; r < 4; ++r)
     for (unsigned c = 0; c < 4; ++c) corners.push_back(make_int2(c * step, r * step));
-  const int count = static_cast<int>(corners.size());
-  std::vector<float> tiles(bx * by * count);
-  cpu_2d_extract_smalls_from_large(tiles.data(), bx, by, count, img.data(), nx, ny, corners.data());
-  std::vector<float> ref(plane, 0.0f);
-  for (const auto& amp : stack_amplitudes(tiles, bx, by, count))
+  std::vector<float> tiles(bx * by * corners.size()), ref(plane, 0.0f);
+  cpu_2d_extract_smalls_from_large(tiles.data(), bx, by, corners.size(), img.data(), nx, ny, corners.data());
+  for (const auto& amp : stack_amplitudes(tiles, bx, by, corners.size()))
     for (unsigned k = 0; k < plane; ++k) ref[k] += amp[k];
 
-  float* d_img = to_device(img);
-  float* d_amp = to_device(std::vector<float>(plane, 5.0f));
+  Dev<float> d_img(img), d_amp(std::vector<float>(plane, 5.0f)), d_sub(plane), d_log(plane);
   hcuda_2d_gridfft_r2c_amp_ave(d_img, d_amp, nx, ny, bx, by, step, 12345);
-  const std::vector<float> amp = to_host(d_amp, plane);
+  const std::vector<float> amp = d_amp.host(), log_ref = log_of(amp), sub_ref = reference_subbg(log_ref, nh, by, box);
   expect_allclose(amp, ref, 1e-5f * max_abs(ref), 1e-5f, "grid amplitude sum");
-
-  const std::vector<float> log_ref = log_of(amp), sub_ref = reference_subbg(log_ref, nh, by, box);
-  float* d_sub = device_zeros<float>(plane);
-  float* d_log = device_zeros<float>(plane);
   hcuda_2d_gridfft_r2c_amp_ave_log_subbg(d_img, d_sub, nx, ny, bx, by, step, box);
-  expect_allclose(to_host(d_sub, plane), sub_ref, 1e-5f, 1e-5f, "log_subbg");
+  expect_allclose(d_sub.host(), sub_ref, 1e-5f, 1e-5f, "log_subbg");
   hcuda_2d_gridfft_r2c_amp_ave_log_subbg2(d_img, d_sub, d_log, nx, ny, bx, by, step, box);
-  expect_allclose(to_host(d_sub, plane), sub_ref, 1e-5f, 1e-5f, "log_subbg2 subtracted");
-  expect_allclose(to_host(d_log, plane), log_ref, 1e-6f, 1e-6f, "log_subbg2 log sum");
-
+  expect_allclose(d_sub.host(), sub_ref, 1e-5f, 1e-5f, "log_subbg2 subtracted");
+  expect_allclose(d_log.host(), log_ref, 1e-6f, 1e-6f, "log_subbg2 log sum");
   // The third form clears the centre element of the full array before the background.
   hcuda_2d_gridfft_r2c_amp_ave_log_subbg3(d_img, d_amp, d_log, d_sub, nx, ny, bx, by, step, box);
-  expect_allclose(to_host(d_amp, plane), amp, 1e-6f * max_abs(amp), 1e-6f, "log_subbg3 amplitude sum");
-  expect_allclose(to_host(d_log, plane), log_ref, 1e-6f, 1e-6f, "log_subbg3 log sum");
-  std::vector<float> sub3 = to_host(d_sub, plane);
+  expect_allclose(d_amp.host(), amp, 1e-6f * max_abs(amp), 1e-6f, "log_subbg3 amplitude sum");
+  expect_allclose(d_log.host(), log_ref, 1e-6f, 1e-6f, "log_subbg3 log sum");
+  const std::vector<float> sub3 = d_sub.host();
   expect_allclose(sub3, reference_subbg(log_ref, nh, by, box, true), 1e-5f, 1e-5f, "log_subbg3 subtracted");
   EXPECT_GT(std::fabs(sub3[(by / 2) * nh + 1] - sub_ref[(by / 2) * nh + 1]), 1e-3f);
-
   // An image smaller than one tile gives an empty sum.
   hcuda_2d_gridfft_r2c_amp_ave(d_img, d_amp, 8, 8, bx, by, 4, 0);
-  EXPECT_EQ(to_host(d_amp, plane), std::vector<float>(plane, 0.0f));
-  free_all({d_img, d_amp, d_sub, d_log});
+  EXPECT_EQ(d_amp.host(), std::vector<float>(plane, 0.0f));
 }
 
 }  // namespace

@@ -61,16 +61,14 @@ void expect_mean_sd(const std::vector<float>& v, double mean, double sd, double 
   EXPECT_NEAR(static_cast<double>(std::sqrt(q / v.size())), sd, tol);
 }
 
-// What f prints on standard output, and how often it printed the mask warning.
-std::string printed(const std::function<void()>& f) {
+// How often f printed the mask warning on standard output.
+int warnings(const std::function<void()>& f, std::string* text = nullptr) {
   testing::internal::CaptureStdout();
   f();
-  return testing::internal::GetCapturedStdout();
-}
-
-int warnings(const std::string& text) {
+  const std::string out = testing::internal::GetCapturedStdout();
+  if (text) *text = out;
   int c = 0;
-  for (size_t p = text.find(kMaskWarning); p != std::string::npos; p = text.find(kMaskWarning, p + 1)) ++c;
+  for (size_t p = out.find(kMaskWarning); p != std::string::npos; p = out.find(kMaskWarning, p + 1)) ++c;
   return c;
 }
 
@@ -97,9 +95,7 @@ TEST(HostStatsEdge, VarianceFamilyCovarianceAndNormsOnSmallCounts) {
 TEST(HostStatsPrecision, DoubleAccumulatorKeepsOnesBeside1e8) {
   // float accumulation loses every 1 beside 1e8 (the float spacing there is 8).
   const float a[] = {1e8f, 1, 1, 1, 1, 1}, ones[] = {1, 1, 1, 1, 1, 1}, third[] = {0, 0, 1};
-  float float_sum = 0.0f;
-  for (float x : a) float_sum += x;
-  ASSERT_EQ(float_sum, 1e8f);
+  ASSERT_EQ(((((1e8f + 1.0f) + 1.0f) + 1.0f) + 1.0f) + 1.0f, 1e8f);
   const double d[] = {0.1, 0.2, 0.3};
   expect_values({{hm_sum(a, 6), 100000005.0}, {hm_sumf(a, 6), 100000008.0},  // rounded once at the end
                  {hm_mean(a, 6), 100000005.0 / 6.0}, {hm_l1_norm(a, 6), 100000005.0}, {thm_sum(a, 6), 100000005.0},
@@ -128,6 +124,13 @@ TEST(HostStatsPrecision, SumRunsFromElementZeroUpward) {
 TEST(HostStatsPrecision, SquaresAndProductsRoundToFloat) {
   ASSERT_NE(kXSquaredFloat, kXSquaredDouble);
   const float a[] = {kX}, one[] = {1.0f}, three[] = {3.0f};
+  // The masked mean: the product rounds to 1 + 2^-11, so the mean is (1 + 2^-11) / kX, just below
+  // kX; with the exact product it would be kX itself and the shift below would give 0.
+  const double mu = kXSquaredFloat / double(kX);
+  ASSERT_NE(mu, double(kX));
+  float shifted[1];
+  hm_normz_mean_withmask(shifted, a, a, 1, 0.0f);
+  EXPECT_NE(shifted[0], 0.0f);
   expect_values({{hm_sum_sqr(a, 1), kXSquaredFloat}, {hm_mod(a, 1), std::sqrt(kXSquaredFloat)},
                  {hm_l2_norm(a, 1), std::sqrt(kXSquaredFloat)}, {hm_dot(a, a, 1), kXSquaredFloat},
                  {hm_sum_weighted(a, a, 1), kXSquaredFloat}, {hm_dot_withmask(a, a, one, 1), kXSquaredFloat},
@@ -136,21 +139,10 @@ TEST(HostStatsPrecision, SquaresAndProductsRoundToFloat) {
                  {hm_dot_withmask(a, a, three, 1), 3.0 * kXSquaredFloat},
                  {hm_dot_weighted(a, a, three, 1), 3.0 * kXSquaredFloat},
                  // The templates widen first and multiply in double.
-                 {thm_sum_sqr(a, 1), kXSquaredDouble}, {thm_dot(a, a, 1), kXSquaredDouble}});
-}
-
-TEST(HostStatsPrecision, MaskedMeanRoundsTheProductToFloat) {
-  // x = m = kX: the product rounds to 1 + 2^-11, so the masked mean is (1 + 2^-11) / kX, just
-  // below kX; with the exact product it would be kX itself and the shift below would give 0.
-  const float x[] = {kX}, m[] = {kX};
-  const double mu = kXSquaredFloat / double(kX);
-  ASSERT_NE(mu, double(kX));
-  float out[1];
-  hm_normz_mean_withmask(out, x, m, 1, 0.0f);
-  EXPECT_NE(out[0], 0.0f);
-  expect_values({{hm_sum_withmask(x, m, 1), kXSquaredFloat}, {hm_sumf_weighted(x, m, 1), float(kXSquaredFloat)},
-                 {hm_mean_withmask(x, m, 1), mu}, {hm_meanf_withmask(x, m, 1), float(mu)},
-                 {out[0], float(double(kX) - mu + 0.0)}});
+                 {thm_sum_sqr(a, 1), kXSquaredDouble}, {thm_dot(a, a, 1), kXSquaredDouble},
+                 {hm_sum_withmask(a, a, 1), kXSquaredFloat}, {hm_sumf_weighted(a, a, 1), float(kXSquaredFloat)},
+                 {hm_mean_withmask(a, a, 1), mu}, {hm_meanf_withmask(a, a, 1), float(mu)},
+                 {shifted[0], float(double(kX) - mu + 0.0)}});
 }
 
 TEST(HostStatsPrecision, CccNormProductInFloatSquaresInDoubleAndLpNormRootInDouble) {
@@ -168,14 +160,12 @@ TEST(HostStatsPrecision, CccNormProductInFloatSquaresInDoubleAndLpNormRootInDoub
 }
 
 TEST(HostStatsPrecision, VarianceIsTwoPassWithDoubleDeviations) {
-  // One pass (mean of squares minus squared mean) loses the 2/3 beside 1e12.
-  const float a[] = {1000001, 1000002, 1000003}, b[] = {0, 0, 1};
-  EXPECT_EQ(hm_variance(a, 3), 2.0 / 3.0);
-  EXPECT_EQ(hm_svariance(a, 3), 1.0);
-  // 0, 0, 1: mean 1/3, variance 2/9. Deviations in float would be off by ~1e-8 relative.
+  // One pass (mean of squares minus squared mean) loses the 2/3 beside 1e12. For 0, 0, 1 (mean
+  // 1/3, variance 2/9) deviations in float would be off by ~1e-8 relative.
+  const float a[] = {1000001, 1000002, 1000003}, b[] = {0, 0, 1}, third = 1.0f / 3.0f, two_thirds = 2.0f / 3.0f;
+  ASSERT_GT(std::fabs((2.0 * third * third + double(two_thirds) * two_thirds) / 3.0 - 2.0 / 9.0), 1e-12);
+  expect_values({{hm_variance(a, 3), 2.0 / 3.0}, {hm_svariance(a, 3), 1.0}});
   EXPECT_DOUBLE_EQ(hm_variance(b, 3), 2.0 / 9.0);
-  const float third = 1.0f / 3.0f, two_thirds = 2.0f / 3.0f;
-  EXPECT_GT(std::fabs((2.0 * third * third + double(two_thirds) * two_thirds) / 3.0 - 2.0 / 9.0), 1e-12);
 }
 
 TEST(HostStatsPrecision, StdvfAndL2NormfTakeFloatRootsOfFloatValues) {
@@ -200,15 +190,15 @@ TEST(HostStatsPrecision, StdvfAndL2NormfTakeFloatRootsOfFloatValues) {
 }
 
 TEST(HostStatsNormz, NormzIsDoubleAndCpuZnormIsFloat) {
+  // hm_normz: mean and two-pass sd in double, k in double, (x - m) k + mean in double.
+  // cpu_znorm: m rounded to float and subtracted in float, squares in float summed in double,
+  // sd and k in float, x k + mean in float.
   const std::vector<float> in = test_data(1000);
   const unsigned long n = in.size();
   const float sigma = 1.5f, target_mean = 0.25f;
-  // hm_normz: mean and two-pass sd in double, k in double, (x - m) k + mean in double.
   double s = 0, q = 0, q2 = 0;
   for (float x : in) s += x;
   const double m = s / n;
-  // cpu_znorm: m rounded to float and subtracted in float, squares in float summed in double,
-  // sd and k in float, x k + mean in float.
   const float mf = float(m);
   for (float x : in) q += (double(x) - m) * (double(x) - m), q2 += double((x - mf) * (x - mf));
   const double k = double(sigma) / std::sqrt(q / n);
@@ -234,42 +224,41 @@ TEST(HostStatsNormz, NormzIsDoubleAndCpuZnormIsFloat) {
 }
 
 TEST(HostStatsNormz, MaskedFamilyWithAllOnesMask) {
-  // Data 1, 2, 3, mask of ones: mu 2, sd sqrt(2/3).
+  // Data 1, 2, 3, mask of ones: mu 2, sd sqrt(2/3). The applymask and weighted in-place forms
+  // are checked on random data below.
   const float x[] = {1, 2, 3}, m[] = {1, 1, 1};
   const double sd = std::sqrt(2.0 / 3.0);
-  float out[3], c[3];
   auto expect_all = [&](const float* got, auto want, const char* what) {
     for (int i = 0; i < 3; ++i) EXPECT_EQ(got[i], float(want(double(x[i])))) << what << " " << i;
   };
-  auto fresh = [&] { return std::copy(x, x + 3, c) - 3; };
   const auto scaled = [&](double v) { return v * (2.0 / sd); };  // the mean stays
+  float out[3], c[] = {1, 2, 3}, d[] = {1, 2, 3}, e[] = {1, 2, 3};
   hm_normz_stdv_withmask(out, x, m, 3, 2.0f);
   expect_all(out, scaled, "stdv");
   hm_normz_stdv_withmask_applymask(out, x, m, 3, 2.0f);
   expect_all(out, scaled, "stdv applymask");
-  hm_normz_stdv_withmask_inplace(fresh(), m, 3, 2.0f);
+  hm_normz_stdv_withmask_inplace(c, m, 3, 2.0f);
   expect_all(c, scaled, "stdv inplace");
   hm_normz_mean_withmask(out, x, m, 3, 10.0f);
   expect_all(out, [](double v) { return v - 2.0 + 10.0; }, "mean");
-  hm_normz_weighted_inplace(fresh(), m, 3);
-  expect_all(c, [&](double v) { return (v - 2.0) / sd; }, "weighted");
-  for (auto f : {hm_normz_withmask_inplace, hm_normz_mean_withmask_inplace, hm_normz_withmask_applymask_inplace}) {
-    f(fresh(), m, 3, 1.0f, 0.0f);
-    expect_all(c, [&](double v) { return (v - 2.0) * (1.0 / sd) + 0.0; }, "normz");
-  }
+  hm_normz_withmask_inplace(d, m, 3, 1.0f, 0.0f);
+  hm_normz_mean_withmask_inplace(e, m, 3, 1.0f, 0.0f);
+  for (const float* got : {d, e}) expect_all(got, [&](double v) { return (v - 2.0) * (1.0 / sd) + 0.0; }, "normz");
 }
 
 TEST(HostStatsNormz, SoftMaskWeightsTheStatistics) {
   // Weights 0.25, 0.25 on 2 and 4: mean (0.5 + 1) / 0.5 = 3; var ((-1)^2 + 1^2) 0.25 / 0.5 = 1.
   const float x[] = {2, 4, 100, -100}, m[] = {0.25f, 0.25f, 0, 0};
   float out[4];
-  const std::string text = printed([&] {
-    expect_values({{hm_mean_withmask(x, m, 4), 3.0}, {hm_meanf_weighted(x, m, 4), 3.0}, {hm_sum_check0(m, 4), 0.5}});
-    hm_normz_withmask(out, x, m, 4, 2.0f, 1.0f);  // (x - 3) * 2 + 1 everywhere, also outside the mask
-    EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{-1, 3, 195, -205}));
-    hm_normz_withmask_applymask(out, x, m, 4, 2.0f, 1.0f);
-    EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{-0.25f, 0.75f, 0, 0}));
-  });
+  std::string text;
+  EXPECT_EQ(warnings([&] {
+              expect_values(
+                  {{hm_mean_withmask(x, m, 4), 3.0}, {hm_meanf_weighted(x, m, 4), 3.0}, {hm_sum_check0(m, 4), 0.5}});
+              hm_normz_withmask(out, x, m, 4, 2.0f, 1.0f);  // (x - 3) * 2 + 1 everywhere, also outside the mask
+              EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{-1, 3, 195, -205}));
+              hm_normz_withmask_applymask(out, x, m, 4, 2.0f, 1.0f);
+              EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{-0.25f, 0.75f, 0, 0}));
+            }, &text), 0);
   EXPECT_EQ(text, "");
 }
 
@@ -299,29 +288,23 @@ TEST(HostStatsNormz, MaskedStatisticsInDoubleOnRandomData) {
 TEST(HostStatsNormz, SmallMaskSumsWarnAndGoOn) {
   // The full report of an all-zero mask, once, and NaN values.
   float a[] = {1, 2, 3, 4}, b[] = {42.0f};
-  const float zeros[] = {0, 0, 0, 0}, neg[] = {-1.0f, 0.5f}, tiny[] = {5e-7f}, big[] = {1e-6f, 1e-6f};
-  const float one_two[] = {1, 2};
-  std::string out = printed([&] { hm_normz_withmask_applymask_inplace(a, zeros, 4, 1.0f, 0.0f); });
-  EXPECT_EQ(warnings(out), 1) << out;
-  EXPECT_EQ(out.rfind("\033[43mWarning in function hm_sum_check0(), file src/math_utils on line ", 0), 0u) << out;
+  const float zeros[] = {0, 0, 0, 0}, neg[] = {-1.0f, 0.5f}, tiny[] = {5e-7f}, big[] = {1e-6f, 1e-6f}, one_two[] = {1, 2};
   const std::string tail = ":Too small sum of mask!!\n\033[m";
-  ASSERT_GE(out.size(), tail.size());
-  EXPECT_EQ(out.substr(out.size() - tail.size()), tail);
+  std::string out;
+  EXPECT_EQ(warnings([&] { hm_normz_withmask_applymask_inplace(a, zeros, 4, 1.0f, 0.0f); }, &out), 1) << out;
+  EXPECT_EQ(out.rfind("\033[43mWarning in function hm_sum_check0(), file src/math_utils on line ", 0), 0u) << out;
+  EXPECT_TRUE(out.size() >= tail.size() && out.substr(out.size() - tail.size()) == tail) << out;
   for (float x : a) EXPECT_TRUE(std::isnan(x));
   // Negative, and positive below 1e-6, warn once each; 2e-6 does not. A zero-weight mean goes on
   // with the small sum (non-finite, no abort); an empty normalisation warns and touches nothing.
-  out = printed([&] { EXPECT_EQ(hm_sum_check0(neg, 2), -0.5); });
-  EXPECT_EQ(warnings(out), 1) << out;
-  out = printed([&] { EXPECT_EQ(hm_sum_check0(tiny, 1), double(5e-7f)); });
-  EXPECT_EQ(warnings(out), 1) << out;
-  EXPECT_EQ(printed([&] { hm_sum_check0(big, 2); }), "");
-  out = printed([&] { EXPECT_EQ(hm_sumf_check0(zeros, 1), 0.0f); });
+  EXPECT_EQ(warnings([&] { EXPECT_EQ(hm_sum_check0(neg, 2), -0.5); }), 1);
+  EXPECT_EQ(warnings([&] { EXPECT_EQ(hm_sum_check0(tiny, 1), double(5e-7f)); }), 1);
+  EXPECT_EQ(warnings([&] { hm_sum_check0(big, 2); }, &out), 0);
+  EXPECT_EQ(out, "");
+  EXPECT_EQ(warnings([&] { EXPECT_EQ(hm_sumf_check0(zeros, 1), 0.0f); }, &out), 1);
   EXPECT_NE(out.find("Warning in function hm_sumf_check0(), file src/math_utils on line "), std::string::npos);
-  EXPECT_NE(out.find(tail), std::string::npos) << out;
-  out = printed([&] { EXPECT_TRUE(std::isnan(hm_mean_withmask(one_two, zeros, 2))); });
-  EXPECT_EQ(warnings(out), 1) << out;
-  out = printed([&] { hm_normz_withmask_applymask_inplace(b, zeros, 0, 1.0f, 0.0f); });
-  EXPECT_EQ(warnings(out), 1);
+  EXPECT_EQ(warnings([&] { EXPECT_TRUE(std::isnan(hm_mean_withmask(one_two, zeros, 2))); }), 1);
+  EXPECT_EQ(warnings([&] { hm_normz_withmask_applymask_inplace(b, zeros, 0, 1.0f, 0.0f); }), 1);
   EXPECT_EQ(b[0], 42.0f);
 }
 
@@ -333,16 +316,13 @@ TEST(HostStatsMoments, UpdateByOneMoreSumsInFloat) {
   EXPECT_NEAR(sd, std::sqrt(1.25), 1e-6);
   // mean 1 + 0.001 (float), n 2, x 0.1f: the float sum mean n + x rounds so that the new mean
   // is 0.700666666 where a double sum would give 0.700666726.
-  const float mean0 = 0x1.00418ap+0f, x = 0.1f, sd0 = 0.5f;
-  const float fsum = mean0 * 2.0f + x;
+  const float mean0 = 0x1.00418ap+0f, x = 0.1f, sd0 = 0.5f, fsum = mean0 * 2.0f + x;
   const double want_mean = double(fsum) / 3.0;
   ASSERT_NE(float(want_mean), float((double(mean0) * 2.0 + double(x)) / 3.0));
-  const float sd2 = sd0 * sd0, m2 = mean0 * mean0, xx = x * x;
-  const float fsum2 = (sd2 + m2) * 2.0f + xx;
+  const float sd2 = sd0 * sd0, m2 = mean0 * mean0, xx = x * x, fsum2 = (sd2 + m2) * 2.0f + xx;
   mean = mean0, sd = sd0;
-  const float r = hm_update_mean_stdv_by_one_more(mean, sd, 2, x);
+  EXPECT_EQ(hm_update_mean_stdv_by_one_more(mean, sd, 2, x), float(want_mean));
   EXPECT_EQ(mean, float(want_mean));
-  EXPECT_EQ(r, mean);
   EXPECT_EQ(sd, float(std::sqrt(double(fsum2) / 3.0 - want_mean * want_mean)));
 }
 
@@ -353,8 +333,7 @@ TEST(HostStatsCcc, ZnormRemovesMeanAndScale) {
   const std::vector<float> a0 = a, b0 = b;
   EXPECT_NEAR(hm_ccc_znorm(a.data(), b.data(), a.size()), 1.0f, 1e-5f);
   EXPECT_NEAR(hm_ccc_znorm(a.data(), c.data(), a.size()), -1.0f, 1e-5f);
-  EXPECT_EQ(a, a0);  // copies were normalised, not the inputs
-  EXPECT_EQ(b, b0);
+  EXPECT_TRUE(a == a0 && b == b0);  // copies were normalised, not the inputs
   EXPECT_LT(hm_ccc_norm(a.data(), b.data(), a.size()), 0.99f);  // the means matter
   std::vector<float> ai = a, bi = b;
   EXPECT_EQ(hm_ccc_znorm_inplace(ai.data(), bi.data(), ai.size()), hm_ccc_znorm(a.data(), b.data(), a.size()));
@@ -388,31 +367,17 @@ TEST(HostStatsElementwise, EveryFormIsItsFloatExpressionInAndOutOfPlace) {
   {#f, [&](float* o, const float* i, unsigned long c) { f(o, i, other.data(), c); }, \
    [&](float* a, unsigned long c) { g(a, other.data(), c); }, [&](float x, float y) -> float { return expr; }}
   const Form forms[] = {
-      WITH(hm_add, x + k, k),
-      WITH(hm_sub, x - k, k),
-      WITH(hm_multi, x * k, k),
-      WITH(hm_divide, x / k, k),
-      WITH(hm_sub_sqr, (x - k) * (x - k), k),
-      WITH(hm_multi_add, x * k + b, k, b),
-      WITH(hm_linear_norm_kb, x * k + b, k, b),
-      WITH(hm_add_multi, (x + k) * b, k, b),
-      WITH(hm_divide_sub, x / k - b, k, b),
-      WITH(hm_sub_divide, (x - k) / b, k, b),
-      PLAIN(hm_invert, -x),
-      PLAIN(hm_sqr, x * x),
-      PLAIN(hm_sqrtf, sqrtf(x)),
-      PLAIN(hm_logf, logf(x)),
+      WITH(hm_add, x + k, k), WITH(hm_sub, x - k, k), WITH(hm_multi, x * k, k), WITH(hm_divide, x / k, k),
+      WITH(hm_sub_sqr, (x - k) * (x - k), k), WITH(hm_multi_add, x * k + b, k, b),
+      WITH(hm_linear_norm_kb, x * k + b, k, b), WITH(hm_add_multi, (x + k) * b, k, b),
+      WITH(hm_divide_sub, x / k - b, k, b), WITH(hm_sub_divide, (x - k) / b, k, b),
+      PLAIN(hm_invert, -x), PLAIN(hm_sqr, x * x), PLAIN(hm_sqrtf, sqrtf(x)), PLAIN(hm_logf, logf(x)),
       {"hm_fabsf", hm_fabsf, nullptr, [](float x, float) { return fabsf(x); }},
       {"hm_tanhf", hm_tanhf, nullptr, [](float x, float) { return tanhf(x); }},
-      PLAIN(hm_submean, x - m),
-      PLAIN(hm_submean_sqr, (x - m) * (x - m)),
-      PLAIN(hm_submean_abs, fabsf(x - m)),
-      PAIR(hm_x1d_add, hm_x1d_add_inplace, x + y),
-      PAIR(hm_x1d_sub, hm_x1d_sub_inplace, x - y),
-      PAIR(hm_x1d_multi, hm_x1d_multi_inplace, x * y),
-      PAIR(hm_x1d_divide, hm_x1d_divide_inplace, x / y),
-      PAIR(hm_appply_mask, hm_apply_mask_inplace, x * y),
-      PAIR(hm_appply_weights, hm_apply_weights_inplace, x * y),
+      PLAIN(hm_submean, x - m), PLAIN(hm_submean_sqr, (x - m) * (x - m)), PLAIN(hm_submean_abs, fabsf(x - m)),
+      PAIR(hm_x1d_add, hm_x1d_add_inplace, x + y), PAIR(hm_x1d_sub, hm_x1d_sub_inplace, x - y),
+      PAIR(hm_x1d_multi, hm_x1d_multi_inplace, x * y), PAIR(hm_x1d_divide, hm_x1d_divide_inplace, x / y),
+      PAIR(hm_appply_mask, hm_apply_mask_inplace, x * y), PAIR(hm_appply_weights, hm_apply_weights_inplace, x * y),
       PAIR(hm_apply_weights, hm_apply_weights_inplace, x * y),
   };
 #undef PLAIN
@@ -435,23 +400,19 @@ TEST(HostStatsElementwise, EveryFormIsItsFloatExpressionInAndOutOfPlace) {
 }
 
 TEST(HostStatsElementwise, SigTanhfLastProductInDouble) {
-  const float s = 0.7f;
-  const int count = 2000;
-  std::vector<float> in(count), out(count);
-  for (int i = 0; i < count; ++i) in[i] = -3.0f + 0.003f * static_cast<float>(i);
-  hm_sig_tanhf(out.data(), in.data(), count, s);
+  std::vector<float> in(2000), out(2000);
+  for (size_t i = 0; i < in.size(); ++i) in[i] = -3.0f + 0.003f * static_cast<float>(i);
+  hm_sig_tanhf(out.data(), in.data(), in.size(), 0.7f);
   int differ = 0;
-  for (int i = 0; i < count; ++i) {
-    const float t = tanhf(in[i] / (2.0f * s));
-    ASSERT_EQ(out[i], static_cast<float>(double(t) * 2.1639534137386525 * double(s))) << i;
-    differ += out[i] != t * 2.1639534137386525f * s;
+  for (size_t i = 0; i < in.size(); ++i) {
+    const float t = tanhf(in[i] / (2.0f * 0.7f));
+    ASSERT_EQ(out[i], static_cast<float>(double(t) * 2.1639534137386525 * double(0.7f))) << i;
+    differ += out[i] != t * 2.1639534137386525f * 0.7f;
   }
   EXPECT_GT(differ, 0) << "float products would have given the same results";
   // Near 0 the slope is 2.1639534137386525 / 2 ~ 1.08 whatever s is.
-  const float small[] = {1e-4f};
-  float o;
-  hm_sig_tanhf(&o, small, 1, 5.0f);
-  EXPECT_NEAR(o, 1.0819767e-4f, 1e-9f);
+  hm_sig_tanhf(out.data(), std::vector<float>{1e-4f}.data(), 1, 5.0f);
+  EXPECT_NEAR(out[0], 1.0819767e-4f, 1e-9f);
 }
 
 // Runs f(a, n, outputs...) and returns the outputs widened to double, in the order of the call.
@@ -464,8 +425,8 @@ std::vector<double> outs(F f, const float* a, unsigned long n) {
 
 TEST(HostStatsExtremes, ValuesAndIndicesInTheOrderOfTheNameMeanInDouble) {
   // Equal extremes: the first wins. 2^24 + 1 + 1 = 16777218 in double, / 3 = 5592406 exactly; a
-  // float sum would stay at 2^24 and give 5592405.5.
-  const float a[] = {2, 9, -4, 9, -4, 1}, big[] = {0x1p24f, 1, 1};
+  // float sum would stay at 2^24 and give 5592405.5. NaN is passed over unless it comes first.
+  const float a[] = {2, 9, -4, 9, -4, 1}, big[] = {0x1p24f, 1, 1}, inner[] = {1, kNaN, 3, -2}, first[] = {kNaN, 1, 3};
   const double mean = float(13.0 / 6.0);
   using F = float;
   using U = unsigned long;
@@ -487,26 +448,21 @@ TEST(HostStatsExtremes, ValuesAndIndicesInTheOrderOfTheNameMeanInDouble) {
       {outs<F, F, F>(hm_max_min_mean, a + 1, 1), {9, 9, 9}},
       {outs<F, F, F>(hm_max_min_mean, big, 3), {0x1p24, 1, 5592406}},
       {outs<F, F, F>(hm_min_max_mean_value, big, 3), {1, 0x1p24, 5592406}},
+      {{outs<F, F, F>(hm_max_min_mean, inner, 4)[0], outs<F, F, F>(hm_max_min_mean, inner, 4)[1]}, {3, -2}},
+      {{double(hm_max_index(inner, 4)), double(hm_max_index(first, 3))}, {2, 0}},
   };
   for (size_t k = 0; k < checks.size(); ++k) EXPECT_EQ(checks[k].first, checks[k].second) << "check " << k;
-  // NaN is passed over unless it comes first.
-  const float inner[] = {1, kNaN, 3, -2}, first[] = {kNaN, 1, 3};
   const std::vector<double> in = outs<F, F, F>(hm_max_min_mean, inner, 4), fi = outs<F, F, F>(hm_max_min_mean, first, 3);
-  EXPECT_EQ(std::make_pair(in[0], in[1]), std::make_pair(3.0, -2.0));
-  EXPECT_TRUE(std::isnan(in[2]));
-  EXPECT_TRUE(std::isnan(fi[0]) && std::isnan(fi[1]));
-  EXPECT_EQ(hm_max_index(inner, 4), 2ul);
-  EXPECT_EQ(hm_max_index(first, 3), 0ul);
+  EXPECT_TRUE(std::isnan(in[2]) && std::isnan(fi[0]) && std::isnan(fi[1]));
 }
 
 TEST(HostStatsPeaks, MakeMaskClearsTheDownhillFlanks) {
-  struct Case {
+  const std::vector<float> hill = {0, 1, 2, 3, 2, 1, 0};
+  const struct {
     std::vector<float> a;
     unsigned long peak;
     std::vector<int> want;
-  };
-  const std::vector<float> hill = {0, 1, 2, 3, 2, 1, 0};
-  const Case cases[] = {
+  } cases[] = {
       // Right: 4, 3 fall, the second 3 doesn't (stop at 6). Left: 2 falls, 3 rises (stop at 1).
       {{1, 3, 2, 5, 4, 3, 3, 1, 0}, 3, {1, 1, 0, 0, 0, 0, 1, 1, 1}},
       {hill, 3, {0, 0, 0, 0, 0, 0, 0}},  // walks to both ends
@@ -514,7 +470,7 @@ TEST(HostStatsPeaks, MakeMaskClearsTheDownhillFlanks) {
       {hill, 6, {1, 1, 1, 1, 1, 1, 0}},  // b[5] = 1 is above b[6]: the left walk stops at once
       {hill, 7, {1, 1, 1, 1, 1, 1, 1}},  // an index at or beyond n clears nothing
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     std::vector<int> mask(c.a.size(), 1);
     peak_make_mask(c.a.data(), mask.data(), c.a.size(), c.peak);
     EXPECT_EQ(mask, c.want) << "peak at " << c.peak;
@@ -536,10 +492,10 @@ TEST(HostStatsPeaks, IndicesHighestFirstWithTheEndForMissingPeaks) {
   EXPECT_EQ(more, (std::vector<unsigned long>{3, 1, 5, 5}));
   // One at a time: cleared places are skipped, the first of equals wins, none left gives n.
   const float c[] = {5, 1, 7, 7, 2};
-  int mask[] = {1, 1, 1, 1, 1}, none[] = {0, 0, 0, 0, 0};
-  EXPECT_EQ(peak_index_masked(c, mask, 5), 2ul);
-  mask[2] = 0;
+  int mask[] = {1, 1, 0, 1, 1}, none[] = {0, 0, 0, 0, 0};
   EXPECT_EQ(peak_index_masked(c, mask, 5), 3ul);
+  mask[2] = 1;
+  EXPECT_EQ(peak_index_masked(c, mask, 5), 2ul);
   EXPECT_EQ(peak_index_masked(c, none, 5), 5ul);
   EXPECT_EQ(peak_index_masked(c, none, 0), 0ul);
 }

@@ -121,9 +121,8 @@ TEST(EvenSquareShrink, FactorBelowOneWritesNothingAndGoesOn) {
   const std::string text = testing::internal::GetCapturedStdout();
   EXPECT_NE(text.find("file src/process2d_raw on line"), std::string::npos) << text;
   EXPECT_NE(text.find(":Wrong value of shrink_factor. Must be >=1  Wrong value of shrink_factor. Must be >=1!\n"),
-            std::string::npos)
-      << text;
-  for (float v : out) EXPECT_EQ(v, -7.0f);
+            std::string::npos) << text;
+  EXPECT_EQ(out, std::vector<float>(16, -7.0f));
 }
 
 TEST(PlainBlockMean, TightOutputStackSlicesAndInvertedSign) {
@@ -157,13 +156,11 @@ TEST(SquareExtension, FillAndMirrorCopies) {
   // 4 x 2 is beyond the aspect limit: nothing is written and the run goes on.
   std::vector<float> big(16, -1.0f);
   cpu_2d_extend_to_square_mirror(big.data(), std::vector<float>(8, 1.0f).data(), 4, 2);
-  for (float v : big) EXPECT_EQ(v, -1.0f);
+  EXPECT_EQ(big, std::vector<float>(16, -1.0f));
 }
 
 TEST(SquareSizes, HelpersOfTheWorkImage) {
-  EXPECT_EQ(get_max_extended_square_even_size(4096, 4096, 4), 1024);
-  EXPECT_EQ(get_max_extended_square_even_size(3710, 3838, 4), 958);
-  EXPECT_EQ(get_max_extended_square_even_size(4096, 4095, 1), 4096);
+  // The extended size is checked with each shrink factor above.
   EXPECT_EQ(get_max_square_even_size(7, 10), 6);
   EXPECT_EQ(get_max_square_even_size(12, 9), 8);
   const int2 wide = get_max_square_clip_origin(10, 4), tall = get_max_square_clip_origin(4, 11);
@@ -182,10 +179,10 @@ TEST(SquareClip, ReadsTheSquareAtTheOriginAndRefusesOversizedSquares) {
   FILE* f = std::fopen(path.c_str(), "rb");
   ASSERT_NE(f, nullptr);
   mrc_read_head(f, &head);
-  std::vector<float> sq(16);
+  std::vector<float> sq(16), want;
   mrc_read_square_even(f, &head, sq.data(), 4, get_max_square_clip_origin(nx, ny));
-  for (int y = 0; y < 4; ++y)
-    for (int x = 0; x < 4; ++x) EXPECT_EQ(sq[y * 4 + x], raw[y * nx + x + 1]);
+  for (int y = 0; y < 4; ++y) want.insert(want.end(), &raw[y * nx + 1], &raw[y * nx + 5]);
+  EXPECT_EQ(sq, want);
   EXPECT_EXIT_REPORT(mrc_read_square_even_extend(f, &head, sq.data(), 5, make_int2(0, 0)),
                      "Can not read micrograph. File Size issue!\n! Exit now!");
   std::fclose(f);
