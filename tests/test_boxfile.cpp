@@ -44,6 +44,14 @@ PTCL_BOX box_at(int x, int y, int w, int h) {
   return b;
 }
 
+// The x and y of the first n points or centres, in order, for one-line comparisons.
+template <class Point>
+Fields xy(const Point* p, int n) {
+  Fields out(2 * n);
+  for (int i = 0; i < n; ++i) out[2 * i] = p[i].x, out[2 * i + 1] = p[i].y;
+  return out;
+}
+
 // One body over the row forms: .box rows of 4 to 7 columns (more are ignored), the program's own
 // picked and rejected rows, blank lines, an empty file, and .star centres with their integer part
 // and the optional columns the picker writes. Records past the rows read are cleared.
@@ -80,8 +88,6 @@ TEST(BoxFile, RowFormsOfBothKinds) {
     for (size_t i = 0; i < 8; ++i)
       EXPECT_EQ(fields(boxes[i]), i < c.want.size() ? c.want[i] : Fields(8, 0.0)) << c.text << " row " << i;
   }
-  EXPECT_EQ(fields(PTCL_BOX()), Fields({0, 0, 256, 256, 0, 0, 0, 0}));
-  EXPECT_EQ(fields(one_new_ptcl_box()), Fields({0, 0, 0, 0, 0, 0, 0, 0}));
   // Capacity: rows past it are not read, records past it untouched.
   auto boxes = dirty(5);
   TempFile f("1 1 1 1\n2 2 2 2\n3 3 3 3\n4 4 4 4\n", ".box");
@@ -91,19 +97,16 @@ TEST(BoxFile, RowFormsOfBothKinds) {
 }
 
 TEST(BoxFile, SuffixIsExactAndCaseSensitive) {
-  EXPECT_EQ(get_boxf_suffixf("a.star"), 1);
-  EXPECT_EQ(get_boxf_suffixf("a_rejected.star"), 1);
-  EXPECT_EQ(get_boxf_suffixf("a_nonunique.box"), 2);
-  for (const char* name : {"a.BOX", "a.Star", "a.box.txt"}) EXPECT_EQ(get_boxf_suffixf(name), 0) << name;
-  for (const char* suffix : {".BOX", ".STAR", ".txt"}) {
-    auto boxes = dirty(2);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(read("1 2 3 4\n", suffix, boxes), 0) << suffix;
-    EXPECT_NE(testing::internal::GetCapturedStdout().find(
-                  "unrecognized box file format, only EMAN .box and Relion .star file are supported now.!"),
-              std::string::npos);
-    EXPECT_EQ(boxes[0].x, 0);
-  }
+  for (auto [name, kind] : {std::pair{"a.star", 1}, {"a_rejected.star", 1}, {"a_nonunique.box", 2}, {"a.BOX", 0},
+                            {"a.Star", 0}, {"a.box.txt", 0}})
+    EXPECT_EQ(get_boxf_suffixf(name), kind) << name;
+  auto boxes = dirty(2);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(read("1 2 3 4\n", ".BOX", boxes), 0);
+  EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                "unrecognized box file format, only EMAN .box and Relion .star file are supported now.!"),
+            std::string::npos);
+  EXPECT_EQ(boxes[0].x, 0);
 }
 
 TEST(BoxFile, MissingFileIsFatal) {
@@ -116,47 +119,38 @@ TEST(BoxFile, MissingFileIsFatal) {
                      "Cannot open file /nonexistent/m.box!\n.*open file failed.! Exit now!");
 }
 
-TEST(StarCoordinates, SampleTable) {
-  std::vector<PTCL_BOX> sample(100);
-  ASSERT_EQ(read_all_ptcl_boxes(sample.data(), 100, (kSamples + "autopick_coords.star").c_str()), 13);
-  EXPECT_EQ(fields(sample[0]), Fields({872, 256, 0, 0, 0.756319f, 5, 200, 0}));
-  EXPECT_EQ(sample[12].x, 632);
-  EXPECT_EQ(sample[13].x, 0);
-}
-
-TEST(StarCoordinates, TableWithoutCoordinatesIsRefused) {
-  std::vector<PTCL_BOX> boxes(10);
-  for (const char* file : {"autopick_summary.star", "micrographs_optics.star"}) {
+TEST(StarCoordinates, SampleTableAndTablesWithoutCoordinates) {
+  std::vector<PTCL_BOX> boxes(100);
+  ASSERT_EQ(read_all_ptcl_boxes(boxes.data(), 100, (kSamples + "autopick_coords.star").c_str()), 13);
+  EXPECT_EQ(fields(boxes[0]), Fields({872, 256, 0, 0, 0.756319f, 5, 200, 0}));
+  EXPECT_EQ(boxes[12].x, 632);
+  EXPECT_EQ(boxes[13].x, 0);
+  for (const char* file : {"autopick_summary.star", "micrographs_optics.star"})
     EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 10, (kSamples + file).c_str()),
-                       "read_all_ptcl_boxes.*has no usable _rlnCoordinateX column.*Exit now!")
-        << file;
-  }
+                       "read_all_ptcl_boxes.*has no usable _rlnCoordinateX column.*Exit now!") << file;
   TempFile only_x("data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #3\n1 2\n", ".star");  // #3 of 2 columns
-  EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 10, only_x.path.c_str()),
-                     "has no usable _rlnCoordinateY column");
+  EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 10, only_x.path.c_str()), "has no usable _rlnCoordinateY column");
 }
 
 TEST(Records, ResizeKeepsTheCentreAndCentresOfBothKinds) {
-  PTCL_BOX boxes[2] = {box_at(1000, 500, 256, 256), box_at(10, 20, 128, 128)};
+  PTCL_BOX boxes[3] = {box_at(1000, 500, 256, 256), box_at(10, 20, 128, 128), one_new_ptcl_box()};
+  boxes[2].x = 300;  // a centre from a .star file becomes a corner
   resize_ptcl_boxes(boxes, 1, 128);
   resize_ptcl_boxes(boxes + 1, 1, 256);
+  resize_ptcl_boxes(boxes + 2, 1, 100);
   EXPECT_EQ(fields(boxes[0]), Fields({1064, 564, 128, 128, 0, 0, 0, 0}));
   EXPECT_EQ(fields(boxes[1]), Fields({-54, -44, 256, 256, 0, 0, 0, 0}));
-  PTCL_BOX star_record = one_new_ptcl_box();  // a centre from a .star file becomes a corner
-  star_record.x = 300;
-  resize_ptcl_boxes(&star_record, 1, 100);
-  EXPECT_EQ(star_record.x, 250);
-  EXPECT_EQ(star_record.w, 100);
+  EXPECT_EQ(fields(boxes[2]), Fields({250, -50, 100, 100, 0, 0, 0, 0}));
 
-  PTCL_BOX two[2] = {box_at(10, 20, 31, 40), box_at(7, 9, 0, 0)};
+  const PTCL_BOX two[2] = {box_at(10, 20, 31, 40), box_at(7, 9, 0, 0)};
   int2 c[2];
   float2 f[2];
   ptcl_boxes_to_int2(c, two, 2, 0);
-  EXPECT_EQ(std::vector<int>({c[0].x, c[0].y, c[1].x, c[1].y}), std::vector<int>({25, 40, 7, 9}));
+  EXPECT_EQ(xy(c, 2), Fields({25, 40, 7, 9}));
   ptcl_boxes_to_int2(c, two, 2, 100);
-  EXPECT_EQ(std::vector<int>({c[0].x, c[0].y, c[1].x, c[1].y}), std::vector<int>({60, 70, 57, 59}));
+  EXPECT_EQ(xy(c, 2), Fields({60, 70, 57, 59}));
   ptcl_boxes_to_float2(f, two, 2, 0);
-  EXPECT_EQ(std::vector<float>({f[0].x, f[0].y, f[1].x, f[1].y}), std::vector<float>({25, 40, 7, 9}));
+  EXPECT_EQ(xy(f, 2), Fields({25, 40, 7, 9}));
 }
 
 TEST(Records, VectorReaderCopyAndCount) {
@@ -164,11 +158,11 @@ TEST(Records, VectorReaderCopyAndCount) {
   std::vector<int2> centres(3, make_int2(-1, -1));
   ASSERT_EQ(read_all_box_vecxyi(centres, box.path.c_str()), 2);
   ASSERT_EQ(centres.size(), 2u);
-  EXPECT_EQ(std::vector<int>({centres[0].x, centres[0].y, centres[1].x}), std::vector<int>({50, 25, 20}));
+  EXPECT_EQ(xy(centres.data(), 2), Fields({50, 25, 20, 20}));
   const std::string star = kSamples + "autopick_coords.star";
-  int2 out[4] = {};
+  int2 out[3] = {};
   EXPECT_EQ(boxf_read_all_xysi(out, 2, star.c_str()), 13);
-  EXPECT_EQ(std::vector<int>({out[1].x, out[1].y, out[2].x}), std::vector<int>({212, 280, 0}));  // two copied
+  EXPECT_EQ(xy(out, 3), Fields({872, 256, 212, 280, 0, 0}));  // two copied
   std::vector<int2> all(13);
   EXPECT_EQ(boxf_read_all_xysi(all.data(), 0, star.c_str()), 13);
   EXPECT_EQ(all[12].x, 632);
@@ -179,19 +173,13 @@ TEST(Records, VectorReaderCopyAndCount) {
 
 TEST(Printing, FormatEmptyBoxesAndTheLimit) {
   PTCL_BOX boxes[3];
-  boxes[0].x = 5;
-  boxes[0].y = 6;
-  boxes[0].cc = 0.5f;
-  boxes[0].class_number = 2;
-  boxes[0].psi = 10.0f;
-  boxes[1].w = 0;  // passed over
-  boxes[2].h = 0;
+  boxes[0].x = 5, boxes[0].y = 6, boxes[0].cc = 0.5f, boxes[0].class_number = 2, boxes[0].psi = 10.0f;
+  boxes[1].w = boxes[2].h = 0;  // passed over
   testing::internal::CaptureStdout();
   print_n_ptcl_boxes(boxes, 3);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "5       6       256     256     0.500000        2       10.000000\n");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "5       6       256     256     0.500000        2       10.000000\n");
 
-  PTCL_BOX* all = static_cast<PTCL_BOX*>(std::calloc(PTCL_BOX_MAX, sizeof(PTCL_BOX)));
+  PTCL_BOX* all = static_cast<PTCL_BOX*>(std::calloc(PTCL_BOX_MAX, sizeof(PTCL_BOX)));  // every record empty
   ASSERT_NE(all, nullptr);
   all[0] = box_at(1, 0, 2, 2);
   all[PTCL_BOX_MAX - 1] = box_at(9, 0, 4, 4);
@@ -224,31 +212,28 @@ TEST(Neighbours, CircleOfGridPointsAndFromAFile) {
     const float dx = static_cast<float>(b.x + 8 - 110), dy = static_cast<float>(b.y + 8 - 110);
     EXPECT_FLOAT_EQ(b.distance, std::sqrt(dx * dx + dy * dy));
     EXPECT_LE(b.distance, 10.0f);
-    EXPECT_FLOAT_EQ(b.cc, 0.3989423f * std::exp(-b.distance * b.distance / (100.0f / 4.5f)));
     at_centre += b.distance == 0.0f;
   }
   EXPECT_EQ(at_centre, 1);
   EXPECT_EQ(out[0].y + 8, 100);  // rows from the lowest
   EXPECT_EQ(auto_generate_neighbor_boxes_circular(out.data(), 5, center, 10.0f, 16, 5), 5);
   EXPECT_EQ(auto_generate_neighbor_boxes_circular(out.data(), 64, center, 0.0f, 16, 5), 1);
-  EXPECT_EQ(out[0].cc, 0.3989423f);
+  EXPECT_EQ(out[0].cc, 0.3989423f);  // a radius of 0 gives the peak weight, not a division by 0
   EXPECT_EQ(auto_generate_neighbor_boxes_circular(out.data(), 64, center, 10.0f, 16, 0), 0);
   EXPECT_EQ(auto_generate_neighbor_boxes_circular(out.data(), 64, center, 1e30f, 16, 1), 64);  // ends at capacity
 
   TempFile f("data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n110 110\n113 114\n", ".star");
   ASSERT_EQ(generate_neighbor_boxes_from_boxf(out.data(), 8, f.path.c_str(), center, 10.0f, 32), 2);
-  EXPECT_EQ(out[0].x, 94);
-  EXPECT_EQ(out[0].w, 32);
-  EXPECT_EQ(out[0].distance, 0.0f);
+  EXPECT_EQ(fields(out[0]), Fields({94, 94, 32, 32, 0.3989423f, 0, 0, 0}));
   EXPECT_FLOAT_EQ(out[1].distance, 5.0f);
-  EXPECT_FLOAT_EQ(out[1].cc, 0.3989423f * std::exp(-25.0f / (100.0f / 4.5f)));
+  EXPECT_FLOAT_EQ(out[1].cc, 0.3989423f * std::exp(-25.0f / (100.0f / 4.5f)));  // a Gaussian of the distance
 }
 
 TEST(Grids, PlainGrid) {
   const auto points = auto_gridbox_2d(0, 10, 5, 0, 4, 2);
   ASSERT_EQ(points.size(), 9u);
-  EXPECT_EQ(std::vector<float>({points[1].x, points[1].y, points[8].x, points[8].y}),
-            std::vector<float>({5, 0, 10, 4}));
+  EXPECT_EQ(xy(points.data() + 1, 1), Fields({5, 0}));
+  EXPECT_EQ(xy(points.data() + 8, 1), Fields({10, 4}));
   EXPECT_TRUE(auto_gridbox_2d(0, 10, 0, 0, 4, 2).empty());
   EXPECT_TRUE(auto_gridbox_2d(10, 0, 1, 0, 4, 2).empty());
   testing::internal::CaptureStdout();
@@ -265,8 +250,7 @@ TEST(Grids, CentredBoxesStayInside) {
   const auto corners = auto_gridbox_2d_from_center(100, 80, 20, 30, 30);
   ASSERT_EQ(corners.size(), 9u);
   // The middle box is centred on the area.
-  EXPECT_EQ(std::vector<unsigned>({corners[0].x, corners[0].y, corners[4].x, corners[4].y, corners[8].x, corners[8].y}),
-            std::vector<unsigned>({10, 0, 40, 30, 70, 60}));
+  EXPECT_EQ(xy(corners.data(), 9), Fields({10, 0, 40, 0, 70, 0, 10, 30, 40, 30, 70, 30, 10, 60, 40, 60, 70, 60}));
   EXPECT_EQ(auto_gridbox_2d_from_center_nxm(100, 80, 20, 3, 2).size(), 3u);
   EXPECT_TRUE(auto_gridbox_2d_from_center(100, 80, 120, 30, 30).empty());
   EXPECT_TRUE(auto_gridbox_2d_from_center(100, 80, 20, 0, 30).empty());

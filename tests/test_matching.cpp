@@ -42,21 +42,21 @@ std::vector<float> quarter_turns(const std::vector<float>& in, int n, int k) {
 std::vector<float> rotate_on_device(const std::vector<float>& src, int nx, int ny, float degrees) {
   float *d_src = to_device(src), *d_out = to_device(std::vector<float>(src.size(), 99.0f));
   hcuda_2d_rotate(d_src, d_out, nx, ny, degrees);
-  std::vector<float> out = to_host(d_out, src.size());
-  for (float* d : {d_src, d_out}) cudaFree(d);
-  return out;
+  DeviceFrees frees(d_src, d_out);
+  return to_host(d_out, src.size());
 }
 
-// What one matching call produces, read back to the host.
+// What one matching call produces, read back to the host, and what it printed.
 struct Maps {
   std::vector<float> ccmax, psi;
+  std::string printed;
 };
 
-struct Problem {
-  int n;                          // work image side
-  std::vector<float> mic, mask;   // n by n
-  int tn;                         // template side
-  std::vector<float> T;           // tn by tn
+struct Problem {  // a work image of side n with its mask, and a template of side tn
+  int n;
+  std::vector<float> mic, mask;
+  int tn;
+  std::vector<float> T;
   float area;
 };
 
@@ -69,8 +69,7 @@ Maps run_matching(const Problem& p, float step, float end, MatchWorkspace* ws = 
     pickora_ccmax_psi_by_one_template(ws, mic, mask, ccmax, psi, 1, p.n, p.n, T, p.tn, p.tn, p.area, 0.0f, end, step);
   else
     pickora_ccmax_psi_by_one_template(mic, mask, ccmax, psi, 1, p.n, p.n, T, p.tn, p.tn, p.area, 0.0f, end, step);
-  testing::internal::GetCapturedStdout();
-  Maps m{to_host(ccmax, pixels), to_host(psi, pixels)};
+  Maps m{to_host(ccmax, pixels), to_host(psi, pixels), testing::internal::GetCapturedStdout()};
   for (float* d : {mic, mask, T, ccmax, psi}) cudaFree(d);
   return m;
 }
@@ -109,13 +108,12 @@ TEST(Rotate, ZeroQuarterTurnsAndOutside) {
     EXPECT_EQ(rotate_on_device(src, nx, ny, 0.0f), src) << nx << " x " << ny;  // every pixel exactly
   }
   // Quarter turns move pixels from x toward y.
-  for (int n : {7, 8}) {
-    const std::vector<float> src = bordered_pattern(n, 11);
+  for (int n : {7, 8})
     for (int k : {1, 2, 3}) {
-      const std::vector<float> got = rotate_on_device(src, n, n, 90.0f * k), want = quarter_turns(src, n, k);
+      const std::vector<float> src = bordered_pattern(n, 11), got = rotate_on_device(src, n, n, 90.0f * k);
+      const std::vector<float> want = quarter_turns(src, n, k);
       for (int i = 0; i < n * n; ++i) ASSERT_NEAR(got[i], want[i], 1e-6) << "side " << n << ", " << 90 * k << ", " << i;
     }
-  }
   // Bilinear weights give a constant back exactly inside; the corners turn out of the square to zero.
   const std::vector<float> out = rotate_on_device(std::vector<float>(81, 2.5f), 9, 9, 45.0f);
   EXPECT_EQ(out[4 * 9 + 4], 2.5f);
@@ -127,75 +125,55 @@ TEST(UpdateCcmax, OnlyAStrictlyLargerValueReplacesTheMaximumAndItsAngle) {
   const std::vector<float> start{0.0f, 1.0f, 1.0f, -INFINITY, 2.0f}, corr{1.0f, 1.0f, NAN, 5.0f, -3.0f};
   float *ccmax = to_device(start), *cc_only = to_device(start), *c = to_device(corr);
   float* psi = to_device(std::vector<float>(5, 7.0f));
+  DeviceFrees frees(ccmax, cc_only, c, psi);
   hcuda_update_ccmax_psi_2d(ccmax, c, psi, 9.0f, 5, 1);
   hcuda_update_ccmax_2d(cc_only, c, 5, 1);
   const std::vector<float> want{1.0f, 1.0f, 1.0f, 5.0f, 2.0f};
   EXPECT_EQ(to_host(ccmax, 5), want);
   EXPECT_EQ(to_host(cc_only, 5), want);
   EXPECT_EQ(to_host(psi, 5), (std::vector<float>{9.0f, 7.0f, 7.0f, 9.0f, 7.0f}));
-  for (float* d : {ccmax, cc_only, c, psi}) cudaFree(d);
 }
 
 // A batch of angles must leave the maps exactly as the same angles one at a time: ties keep the
 // earlier angle, NaN never wins, and a short batch repeats its last entry harmlessly.
 TEST(UpdateCcmax, ABatchOfAnglesEqualsTheSameAnglesOneAtATime) {
   const int nx = 37, ny = 5, n = nx * ny;
-  std::vector<std::vector<float>> corr;
+  std::vector<float> start = random_image(n, 70);
+  for (int i = 0; i < n; ++i) start[i] = i % 4 == 0 ? -INFINITY : i % 10 == 3 ? 0.25f : start[i];
+  std::vector<float*> d_corr;
   for (int j = 0; j < kAngleBatch; ++j) {
     std::vector<float> c = random_image(n, 60 + j);
-    for (int i = 0; i < n; i += 7) c[i] = NAN;
-    for (int i = 3; i < n; i += 5) c[i] = 0.25f;  // ties between angles and with the start
-    corr.push_back(c);
+    for (int i = 0; i < n; ++i) c[i] = i % 7 == 0 ? NAN : i % 5 == 3 ? 0.25f : c[i];  // ties with the start too
+    d_corr.push_back(to_device(c));
   }
-  std::vector<float> start = random_image(n, 70);
-  for (int i = 0; i < n; i += 4) start[i] = -INFINITY;
-  for (int i = 3; i < n; i += 10) start[i] = 0.25f;
   for (int count : {kAngleBatch, 1}) {
-    float *one = to_device(start), *psi_one = to_device(std::vector<float>(n, -1.0f));
-    float *batched = to_device(start), *psi_batched = to_device(std::vector<float>(n, -1.0f));
-    float *cc_only = to_device(start);
-    std::vector<float*> d_corr;
+    float *one = to_device(start), *batched = to_device(start), *cc_only = to_device(start);
+    float *psi_one = to_device(std::vector<float>(n, -1.0f)), *psi_batched = to_device(std::vector<float>(n, -1.0f));
+    DeviceFrees frees(one, batched, cc_only, psi_one, psi_batched);
     AngleBatch batch{};
     for (int j = 0; j < kAngleBatch; ++j) {
-      const int src = std::min(j, count - 1);
-      if (j < count) d_corr.push_back(to_device(corr[j]));
-      batch.correlation[j] = d_corr[src];
-      batch.degrees[j] = 10.0f * src;
+      batch.correlation[j] = d_corr[std::min(j, count - 1)];
+      batch.degrees[j] = 10.0f * std::min(j, count - 1);
     }
     for (int j = 0; j < count; ++j) hcuda_update_ccmax_psi_2d(one, d_corr[j], psi_one, 10.0f * j, nx, ny);
     hcuda_update_ccmax_psi_2d_batch(batched, batch, psi_batched, nx, ny);
     hcuda_update_ccmax_psi_2d_batch(cc_only, batch, nullptr, nx, ny);
-    const std::vector<float> want = to_host(one, n), want_psi = to_host(psi_one, n);
-    const std::vector<float> got = to_host(batched, n), got_only = to_host(cc_only, n);
+    const std::vector<float> want = to_host(one, n), got = to_host(batched, n), got_only = to_host(cc_only, n);
     EXPECT_EQ(0, std::memcmp(got.data(), want.data(), n * sizeof(float))) << count;  // NaN-proof
     EXPECT_EQ(0, std::memcmp(got_only.data(), want.data(), n * sizeof(float))) << count;
-    EXPECT_EQ(to_host(psi_batched, n), want_psi) << count;
-    for (float* d : d_corr) cudaFree(d);
-    for (float* d : {one, psi_one, batched, psi_batched, cc_only}) cudaFree(d);
+    EXPECT_EQ(to_host(psi_batched, n), to_host(psi_one, n)) << count;
   }
+  for (float* d : d_corr) cudaFree(d);
 }
 
 TEST(AngleLoop, CountsAnglesBelowTheEndAndRefusesLoopsThatNeverEnd) {
-  EXPECT_EQ(matching_angle_count(0.0f, 359.0f, 5.0f), 72);
-  EXPECT_EQ(matching_angle_count(0.0f, 359.0f, 1.0f), 359);
-  EXPECT_EQ(matching_angle_count(0.0f, 359.0f, 360.0f), 1);
-  EXPECT_EQ(matching_angle_count(10.0f, 10.0f, 1.0f), 0);
-  for (float step : {0.0f, -5.0f}) EXPECT_EQ(matching_angle_count(0.0f, 359.0f, step), -1) << step;
-  EXPECT_EQ(matching_angle_count(1e8f, 2e8f, 1.0f), -1);  // 1e8 + 1 rounds back to 1e8
-}
-
-TEST(Matching, PrintsOneDotPerAngleAndALineEnd) {
-  const int n = 16, tn = 4;
-  float* mic = to_device(random_image(n * n, 1));
-  float* mask = to_device(std::vector<float>(n * n, 1.0f));
-  float* T = to_device(random_image(tn * tn, 2));
-  float* ccmax = to_device(std::vector<float>(n * n));
-  for (auto [step, dots] : {std::pair{5.0f, 72}, {360.0f, 1}}) {
-    testing::internal::CaptureStdout();
-    pickora_ccmax_by_one_template(mic, mask, ccmax, n, n, T, tn, tn, 1.0f, 0.0f, 359.0f, step);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string(dots, '.') + "\n");
-  }
-  for (float* d : {mic, mask, T, ccmax}) cudaFree(d);
+  const struct {
+    float start, end, step;
+    int count;
+  } cases[] = {{0, 359, 5, 72}, {0, 359, 1, 359}, {0, 359, 360, 1}, {10, 10, 1, 0}, {0, 359, 0, -1}, {0, 359, -5, -1},
+               {1e8f, 2e8f, 1, -1}};  // 1e8 + 1 rounds back to 1e8
+  for (const auto& c : cases)
+    EXPECT_EQ(matching_angle_count(c.start, c.end, c.step), c.count) << c.start << " " << c.end << " " << c.step;
 }
 
 // A random image with a partly cleared mask, a random odd template, angles 0 and 90: every map
@@ -203,7 +181,7 @@ TEST(Matching, PrintsOneDotPerAngleAndALineEnd) {
 // clearly. Also fixes the direction of the shift, the template's anchor and the scale.
 TEST(Matching, MapsAgreeWithBruteForceCorrelation) {
   Problem p{32, random_image(32 * 32, 21), std::vector<float>(32 * 32, 1.0f), 7, bordered_pattern(7, 22), 3.0f};
-  for (int i = 0; i < 32 * 10; ++i) p.mask[i] = 0.0f;
+  std::fill_n(p.mask.begin(), 32 * 10, 0.0f);
   const Maps m = run_matching(p, 90.0f, 180.0f);
   int decided = 0;
   for (int Y = 0; Y < p.n; ++Y)
@@ -229,70 +207,55 @@ TEST(Matching, PlantedTemplateIsFoundAtItsPlaceAndAngle) {
   // For an even side the template's pixel (tn / 2, tn / 2) is its anchor on the map.
   for (int y = 0; y < tn; ++y)
     for (int x = 0; x < tn; ++x) p.mic[(py - tn / 2 + y) * n + px - tn / 2 + x] += turned[y * tn + x];
-  const Maps m = run_matching(p, 30.0f, 359.0f);
+  Maps m = run_matching(p, 30.0f, 359.0f);
   const size_t best = std::max_element(m.ccmax.begin(), m.ccmax.end()) - m.ccmax.begin();
-  float second = -INFINITY;
-  for (size_t i = 0; i < m.ccmax.size(); ++i)
-    if (i != best) second = std::max(second, m.ccmax[i]);
   EXPECT_EQ(best, size_t(py) * n + px);
   EXPECT_EQ(m.psi[best], 90.0f);
   EXPECT_NEAR(m.ccmax[best], brute_map(p, 1, px, py), 1e-5);
-  EXPECT_GT(m.ccmax[best], 2.0f * second);
+  const float top = m.ccmax[best];
+  m.ccmax[best] = -INFINITY;
+  EXPECT_GT(top, 2.0f * *std::max_element(m.ccmax.begin(), m.ccmax.end()));
 }
 
 // A template of one pixel turns onto itself exactly at every angle, so all four angles
-// correlate equally everywhere and the first one must stay.
-TEST(Matching, EqualCorrelationsKeepTheFirstAngle) {
-  const int n = 16;
-  Problem p{n, random_image(n * n, 41), std::vector<float>(n * n, 1.0f), 1, {1.5f}, 1.0f};
+// correlate equally everywhere and the first one must stay. One dot per angle shows progress.
+TEST(Matching, EqualCorrelationsKeepTheFirstAngleAndEachAnglePrintsADot) {
+  Problem p{16, random_image(16 * 16, 41), std::vector<float>(16 * 16, 1.0f), 1, {1.5f}, 1.0f};
   const Maps m = run_matching(p, 90.0f, 359.0f);
-  EXPECT_EQ(m.psi, std::vector<float>(n * n, 0.0f));
+  EXPECT_EQ(m.psi, std::vector<float>(16 * 16, 0.0f));
+  EXPECT_EQ(m.printed, "....\n");
 }
 
-// Scratch kept across calls gives the same maps as fresh scratch, also when a smaller template
-// follows a larger one and the padded image must be cleared again.
-TEST(Matching, KeptWorkspaceGivesTheSameMapsAsFreshScratch) {
-  Problem big{32, random_image(32 * 32, 51), std::vector<float>(32 * 32, 1.0f), 11, random_image(121, 52), 2.0f};
-  Problem small = big;
-  small.tn = 5;
-  small.T = random_image(25, 53);
-  MatchWorkspace ws{};
-  run_matching(big, 45.0f, 359.0f, &ws);
-  const Maps kept = run_matching(small, 45.0f, 359.0f, &ws);
-  match_workspace_release(&ws);
-  const Maps fresh = run_matching(small, 45.0f, 359.0f);
-  EXPECT_EQ(kept.ccmax, fresh.ccmax);
-  EXPECT_EQ(kept.psi, fresh.psi);
+void expect_same(const Maps& got, const Maps& want, const std::string& what) {
+  EXPECT_EQ(got.ccmax, want.ccmax) << what;
+  EXPECT_EQ(got.psi, want.psi) << what;
 }
 
-// Kept template spectra give the maps of a fresh call, byte for byte, on the call that makes them
-// and on later ones; a different template gets spectra of its own, also at the same address;
-// with no budget, or too little, nothing is kept and the maps stay the same.
-TEST(Matching, KeptTemplateSpectraGiveTheSameBytes) {
+// Scratch and template spectra kept across calls give the maps of a fresh call, byte for byte:
+// on the call that makes the spectra and on later ones; for a different template, which gets
+// spectra of its own also at the same address; for a smaller template after a larger one, whose
+// padded image must be cleared again; and with no budget, or too little, when nothing is kept.
+TEST(Matching, KeptWorkspaceAndTemplateSpectraGiveTheSameBytes) {
   Problem p{32, random_image(32 * 32, 81), std::vector<float>(32 * 32, 1.0f), 9, random_image(81, 82), 2.0f};
-  Problem other = p;
+  Problem other = p, small = p;
   other.T = random_image(81, 83);
   other.mic = random_image(32 * 32, 84);
+  small.tn = 5;
+  small.T = random_image(25, 53);
   const float step = 70.0f;  // 6 angles: a full batch and a short one
-  const Maps fresh = run_matching(p, step, 359.0f), fresh_other = run_matching(other, step, 359.0f);
-
+  const Maps fresh = run_matching(p, step, 359.0f);
   MatchWorkspace ws{};
-  const Maps first = run_matching(p, step, 359.0f, &ws);
+  expect_same(run_matching(p, step, 359.0f, &ws), fresh, "first");
   ASSERT_EQ(ws.kept.size(), 1u);
-  const Maps again = run_matching(p, step, 359.0f, &ws);
-  const Maps switched = run_matching(other, step, 359.0f, &ws);
-  EXPECT_EQ(ws.kept.size(), 2u);
-  EXPECT_EQ(ws.kept_bytes, 2 * 6 * size_t(17) * 32 * sizeof(float2));
-  for (const Maps* m : {&first, &again}) {
-    EXPECT_EQ(m->ccmax, fresh.ccmax);
-    EXPECT_EQ(m->psi, fresh.psi);
-  }
-  EXPECT_EQ(switched.ccmax, fresh_other.ccmax);
-  EXPECT_EQ(switched.psi, fresh_other.psi);
+  expect_same(run_matching(p, step, 359.0f, &ws), fresh, "again");
+  expect_same(run_matching(other, step, 359.0f, &ws), run_matching(other, step, 359.0f), "other");
+  expect_same(run_matching(small, step, 359.0f, &ws), run_matching(small, step, 359.0f), "smaller");
+  EXPECT_EQ(ws.kept.size(), 3u);
+  EXPECT_EQ(ws.kept_bytes, 3 * 6 * size_t(17) * 32 * sizeof(float2));
   match_workspace_release(&ws);
   MatchWorkspace last{};  // a last call reads what is kept but keeps nothing new
   last.make_kept = false;
-  EXPECT_EQ(run_matching(p, step, 359.0f, &last).ccmax, fresh.ccmax);
+  expect_same(run_matching(p, step, 359.0f, &last), fresh, "last");
   EXPECT_TRUE(last.kept.empty());
   match_workspace_release(&last);
 
@@ -301,13 +264,11 @@ TEST(Matching, KeptTemplateSpectraGiveTheSameBytes) {
   const Maps fresh_large = run_matching(large, step, 359.0f);
   for (const char* budget : {"0", "1"}) {
     setenv("PICKORA_SPECTRA_MIB", budget, 1);
-    MatchWorkspace small{};
-    run_matching(large, step, 359.0f, &small);
-    const Maps m = run_matching(large, step, 359.0f, &small);
-    EXPECT_TRUE(small.kept.empty()) << budget;
-    EXPECT_EQ(m.ccmax, fresh_large.ccmax) << budget;
-    EXPECT_EQ(m.psi, fresh_large.psi) << budget;
-    match_workspace_release(&small);
+    MatchWorkspace few{};
+    run_matching(large, step, 359.0f, &few);
+    expect_same(run_matching(large, step, 359.0f, &few), fresh_large, budget);
+    EXPECT_TRUE(few.kept.empty()) << budget;
+    match_workspace_release(&few);
   }
   unsetenv("PICKORA_SPECTRA_MIB");
 }
@@ -315,13 +276,14 @@ TEST(Matching, KeptTemplateSpectraGiveTheSameBytes) {
 TEST(MatchingRefusal, RefusesABudgetThatIsNotAWholeNumber) {
   for (const char* bad : {"lots", "-1", "12MB", "1e3"}) {
     setenv("PICKORA_SPECTRA_MIB", bad, 1);
-    EXPECT_EXIT_REPORT(matching_spectra_budget(), "PICKORA_SPECTRA_MIB must be a whole number");
+    EXPECT_EXIT_REPORT(matching_spectra_budget(), "PICKORA_SPECTRA_MIB must be a whole number") << bad;
   }
   unsetenv("PICKORA_SPECTRA_MIB");
 }
 
 TEST(MatchingRefusal, RefusesWhatHasNoResult) {
   float* img = to_device(std::vector<float>(256, 1.0f));
+  DeviceFrees frees(img);
   const auto match = [&](int n, int tn, float step) {
     pickora_ccmax_by_one_template(img, img, img, n, n, img, tn, tn, 1.0f, 0.0f, 359.0f, step);
   };
@@ -329,7 +291,6 @@ TEST(MatchingRefusal, RefusesWhatHasNoResult) {
   EXPECT_EXIT_REPORT(match(16, 4, -5.0f), "angle step -5 never");
   EXPECT_EXIT_REPORT(match(8, 10, 5.0f), "10 x 10 does not fit");
   EXPECT_EXIT_REPORT(match(15, 4, 5.0f), "positive even sides");
-  cudaFree(img);
 }
 
 }  // namespace

@@ -79,8 +79,7 @@ TEST(Split, InPlaceAndCopyingForms) {
   EXPECT_EQ(first_tokens(tokens, 7), (std::vector<std::string>{"1", "2", "3", "4", "5", "6", "7"}));
   EXPECT_EQ(strnsplit_inplace(tokens, line2, ",", 8), 3);
   EXPECT_EQ(first_tokens(tokens, 3), (std::vector<std::string>{"a", "b", "c"}));
-  EXPECT_EQ(strnsplit_inplace(tokens, line3, " ", 0), 0);
-  EXPECT_EQ(strnsplit_inplace(tokens, line3, " ", -3), 0);
+  for (int n : {0, -3}) EXPECT_EQ(strnsplit_inplace(tokens, line3, " ", n), 0) << n;
   EXPECT_EQ(strsplit_inplace(tokens, line3, ""), 0);
   EXPECT_EQ(strsplit_inplace(tokens, nullptr, " "), 0);
   EXPECT_EQ(strsplit_inplace_byspace(tokens, blank), 0);
@@ -92,18 +91,14 @@ TEST(Split, InPlaceAndCopyingForms) {
   char* first[8];
   EXPECT_EQ(strsplit(first, "a:b", ":"), 2);
   EXPECT_EQ(strnsplit(tokens, "c:d:e", ":", 2), 2);
-  EXPECT_STREQ(first[1], "b");
-  EXPECT_STREQ(tokens[1], "d");
+  EXPECT_EQ(std::string(first[1]) + tokens[1], "bd");
   EXPECT_EQ(strnsplit_byspace(tokens, "p q r", 2), 2);
   EXPECT_EQ(strsplit(tokens, "", ":"), 0);
   EXPECT_EQ(strsplit(tokens, "abc", nullptr), 0);
-}
 
-TEST(Split, MissingDestination) {
+  // A missing destination is reported; the last form ends the run.
   testing::internal::CaptureStdout();
-  EXPECT_EQ(strsplit(nullptr, "a b", " "), 0);
-  EXPECT_EQ(strsplit_byspace(nullptr, "a b"), 0);
-  EXPECT_EQ(strnsplit(nullptr, "a b", " ", 2), 0);
+  EXPECT_EQ(strsplit(nullptr, "a b", " ") + strsplit_byspace(nullptr, "a b") + strnsplit(nullptr, "a b", " ", 2), 0);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Error in function strsplit()!Memory for 'dest' not allocated.\n"
             "Error in function strsplit_byspace()!Memory for 'dest' not allocated.\n"
@@ -116,29 +111,27 @@ TEST(Lines, LongLinesAreReadInPiecesOrCut) {
   TempFile f(std::string(1500, 'a') + "\nsecond\n" + exact + "\nlast");
   FILE* fp = std::fopen(f.path.c_str(), "r");
   char line[PICKORA_LINE_LEN];
-  EXPECT_EQ(read_one_line(line, fp), 0);
-  EXPECT_EQ(std::string(line), std::string(1023, 'a'));
-  read_one_line(line, fp);
-  EXPECT_EQ(std::string(line), std::string(477, 'a') + "\n");
-  read_one_line(line, fp);
-  EXPECT_STREQ(line, "second\n");
+  const auto piece = [&] {  // what the call gave, then the line: the call comes first
+    const int status = read_one_line(line, fp);
+    return std::to_string(status) + ":" + line;
+  };
+  EXPECT_EQ(piece(), "0:" + std::string(1023, 'a'));
+  EXPECT_EQ(piece(), "0:" + std::string(477, 'a') + "\n");
+  EXPECT_EQ(piece(), "0:second\n");
 
   // The whole-line form drops the rest of a long line and says so.
   std::rewind(fp);
-  bool cut = false;
-  EXPECT_EQ(read_whole_line(line, fp, &cut), 1);
-  EXPECT_TRUE(cut);
-  EXPECT_EQ(std::string(line), std::string(1023, 'a'));
-  EXPECT_EQ(read_whole_line(line, fp, &cut), 1);
-  EXPECT_FALSE(cut);
-  EXPECT_STREQ(line, "second\n");
-  EXPECT_EQ(read_whole_line(line, fp, &cut), 1);
-  EXPECT_FALSE(cut);
-  EXPECT_EQ(std::string(line), exact);  // exactly fills the buffer: still whole
+  bool cut = true;
+  const auto whole = [&] {
+    const int more = read_whole_line(line, fp, &cut);
+    return std::to_string(more) + (cut ? " cut:" : ":") + line;
+  };
+  EXPECT_EQ(whole(), "1 cut:" + std::string(1023, 'a'));
+  EXPECT_EQ(whole(), "1:second\n");
+  EXPECT_EQ(whole(), "1:" + exact);  // exactly fills the buffer: still whole
   EXPECT_EQ(read_whole_line(line, fp, nullptr), 1);
   EXPECT_STREQ(line, "last");
-  EXPECT_EQ(read_whole_line(line, fp, &cut), 0);
-  EXPECT_FALSE(cut);
+  EXPECT_EQ(whole().substr(0, 2), "0:");
   std::memset(line, 'z', sizeof line);
   EXPECT_EQ(read_one_line(line, fp), 0);  // end of file: an empty line
   for (char c : line) ASSERT_EQ(c, '\0');

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <png.h>
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -46,31 +44,26 @@ bool is_grey(const unsigned char* c) { return c[0] == c[1] && c[1] == c[2]; }
 class ViewTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_EQ(access(view_tool().c_str(), X_OK), 0) << "build the target pickora-view first";
     // A gradient, so that the contrast stretch has a range and every plain pixel is grey.
     std::vector<float> mic(kNx * kNy);
-    for (int y = 0; y < kNy; ++y)
-      for (int x = 0; x < kNx; ++x) mic[y * kNx + x] = static_cast<float>(x + y);
+    for (int i = 0; i < kNx * kNy; ++i) mic[i] = static_cast<float>(i % kNx + i / kNx);
     mrcf_write_xyz_data(dir.file("mic.mrc").c_str(), mic.data(), kNx, kNy, 1);
     write_file_text(dir.file("mic_pickora.star"), "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n" +
                                                       std::to_string(kPickX) + " " + std::to_string(kPickY) + "\n");
-    write_file_text(dir.file("mic_rejected.box"), std::to_string(kCellX) + " " + std::to_string(kCellY) + " " +
-                                                      std::to_string(kCellSide) + " " + std::to_string(kCellSide) +
-                                                      "\t0.5\t2.0\n");
+    const std::string side = std::to_string(kCellSide);
+    write_file_text(dir.file("mic_rejected.box"),
+                    std::to_string(kCellX) + " " + std::to_string(kCellY) + " " + side + " " + side + "\t0.5\t2.0\n");
   }
 
   // Runs the tool on the micrograph with the pick and the cell; fails the test on error.
   Png render(const std::string& options) {
     std::string out;
-    const std::string png = dir.file("mic.png");
     EXPECT_EQ(run_command(view_tool() + " " + dir.file("mic.mrc") + " --picks " + dir.file("mic_pickora.star") +
-                      " --rejected " + dir.file("mic_rejected.box") + " --radius_px " + std::to_string(kRadius) +
-                      " --out " + png + " " + options,
-                  out),
-              0)
+                              " --rejected " + dir.file("mic_rejected.box") + " --radius_px " +
+                              std::to_string(kRadius) + " --out " + dir.file("mic.png") + " " + options, out), 0)
         << out;
     Png p;
-    EXPECT_TRUE(read_png(png, p)) << "no readable PNG at " << png;
+    EXPECT_TRUE(read_png(dir.file("mic.png"), p)) << "no readable PNG";
     return p;
   }
 
@@ -80,16 +73,11 @@ class ViewTest : public ::testing::Test {
 // At full size and reduced by two: the picture's size, a pixel on the circle coloured green,
 // the pick's own pixel left grey, the rejected cell tinted red and a plain pixel grey.
 TEST_F(ViewTest, OverlaysLandOnTheirPixelsAtEveryReduction) {
-  struct Case {
-    const char* max_size;
-    int factor;
-  };
-  for (const Case c : {Case{"1024", 1}, Case{"32", 2}}) {
-    SCOPED_TRACE(std::string("--max_size ") + c.max_size);
-    const Png p = render(std::string("--max_size ") + c.max_size);
-    ASSERT_EQ(p.width, kNx / c.factor);
-    ASSERT_EQ(p.height, kNy / c.factor);
-    const int f = c.factor;
+  for (auto [max_size, f] : {std::pair{"1024", 1}, {"32", 2}}) {
+    SCOPED_TRACE(std::string("--max_size ") + max_size);
+    const Png p = render(std::string("--max_size ") + max_size);
+    ASSERT_EQ(p.width, kNx / f);
+    ASSERT_EQ(p.height, kNy / f);
     const unsigned char* ring = p.at((2 * (kPickX + kRadius) + 1) / (2 * f), (2 * kPickY + 1) / (2 * f));
     EXPECT_GT(ring[1], ring[0] + 100);
     EXPECT_GT(ring[1], ring[2] + 100);
@@ -112,24 +100,18 @@ TEST_F(ViewTest, MapPanelBesideAtTheSameHeight) {
   const Png p = render("--ccmap " + dir.file("mic_ccmaxZ.mrc"));
   ASSERT_EQ(p.height, kNy);
   ASSERT_GT(p.width, kNx + 64);
-  const int panel_x = p.width - 64;
-  const unsigned char* peak = p.at(panel_x + 4 * 4 + 2, 3 * 4 + 2);
-  const unsigned char* plain = p.at(panel_x + 8 * 4 + 2, 8 * 4 + 2);
-  for (int k = 0; k < 3; ++k) EXPECT_EQ(peak[k], 255);
+  const unsigned char *peak = p.at(p.width - 64 + 4 * 4 + 2, 3 * 4 + 2), *plain = p.at(p.width - 64 + 8 * 4 + 2, 34);
+  EXPECT_EQ(std::vector<int>(peak, peak + 3), std::vector<int>(3, 255));
   EXPECT_LT(plain[0] + plain[1] + plain[2], 3 * 200);
 }
 
 TEST_F(ViewTest, MissingInputsFailWithAClearMessage) {
-  struct Case {
-    std::string options, message;
-  };
-  const std::string mic = dir.file("mic.mrc");
-  for (const Case& c : {Case{mic + " --picks " + dir.file("mic_pickora.star"), "--diameter"},
-                        Case{mic + " --rejected " + dir.file("mic_pickora.star"), ".box"},
-                        Case{"--picks " + dir.file("mic_pickora.star"), "no micrograph"}}) {
+  const std::string mic = dir.file("mic.mrc"), picks = dir.file("mic_pickora.star");
+  for (auto [options, message] : {std::pair{mic + " --picks " + picks, "--diameter"},
+                                  {mic + " --rejected " + picks, ".box"}, {"--picks " + picks, "no micrograph"}}) {
     std::string out;
-    EXPECT_NE(run_command(view_tool() + " " + c.options + " --out " + dir.file("x.png"), out), 0) << c.options;
-    EXPECT_NE(out.find(c.message), std::string::npos) << out;
+    EXPECT_NE(run_command(view_tool() + " " + options + " --out " + dir.file("x.png"), out), 0) << options;
+    EXPECT_NE(out.find(message), std::string::npos) << out;
   }
 }
 
