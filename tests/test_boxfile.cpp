@@ -4,8 +4,6 @@
 
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -115,8 +113,6 @@ TEST(BoxFile, MissingFileIsFatal) {
                      "Cannot open file /nonexistent/m.box. Permission denied or wrong file name.\n.*"
                      "Error in function read_all_ptcl_boxes\\(\\), file src/boxfile on line [0-9]+: "
                      "open file '/nonexistent/m.box' failed.! Exit now!");
-  EXPECT_EXIT_REPORT(get_ptcl_number_from_boxf("/nonexistent/m.box"),
-                     "Cannot open file /nonexistent/m.box!\n.*open file failed.! Exit now!");
 }
 
 TEST(StarCoordinates, SampleTableAndTablesWithoutCoordinates) {
@@ -132,7 +128,7 @@ TEST(StarCoordinates, SampleTableAndTablesWithoutCoordinates) {
   EXPECT_EXIT_REPORT(read_all_ptcl_boxes(boxes.data(), 10, only_x.path.c_str()), "has no usable _rlnCoordinateY column");
 }
 
-TEST(Records, ResizeKeepsTheCentreAndCentresOfBothKinds) {
+TEST(Records, ResizeKeepsTheCentreOfBothKinds) {
   PTCL_BOX boxes[3] = {box_at(1000, 500, 256, 256), box_at(10, 20, 128, 128), one_new_ptcl_box()};
   boxes[2].x = 300;  // a centre from a .star file becomes a corner
   resize_ptcl_boxes(boxes, 1, 128);
@@ -141,66 +137,9 @@ TEST(Records, ResizeKeepsTheCentreAndCentresOfBothKinds) {
   EXPECT_EQ(fields(boxes[0]), Fields({1064, 564, 128, 128, 0, 0, 0, 0}));
   EXPECT_EQ(fields(boxes[1]), Fields({-54, -44, 256, 256, 0, 0, 0, 0}));
   EXPECT_EQ(fields(boxes[2]), Fields({250, -50, 100, 100, 0, 0, 0, 0}));
-
-  const PTCL_BOX two[2] = {box_at(10, 20, 31, 40), box_at(7, 9, 0, 0)};
-  int2 c[2];
-  float2 f[2];
-  ptcl_boxes_to_int2(c, two, 2, 0);
-  EXPECT_EQ(xy(c, 2), Fields({25, 40, 7, 9}));
-  ptcl_boxes_to_int2(c, two, 2, 100);
-  EXPECT_EQ(xy(c, 2), Fields({60, 70, 57, 59}));
-  ptcl_boxes_to_float2(f, two, 2, 0);
-  EXPECT_EQ(xy(f, 2), Fields({25, 40, 7, 9}));
 }
 
-TEST(Records, VectorReaderCopyAndCount) {
-  TempFile box("0 0 100 50\n10 10 20 20 0.5 1 2\n", ".box");
-  std::vector<int2> centres(3, make_int2(-1, -1));
-  ASSERT_EQ(read_all_box_vecxyi(centres, box.path.c_str()), 2);
-  ASSERT_EQ(centres.size(), 2u);
-  EXPECT_EQ(xy(centres.data(), 2), Fields({50, 25, 20, 20}));
-  const std::string star = kSamples + "autopick_coords.star";
-  int2 out[3] = {};
-  EXPECT_EQ(boxf_read_all_xysi(out, 2, star.c_str()), 13);
-  EXPECT_EQ(xy(out, 3), Fields({872, 256, 212, 280, 0, 0}));  // two copied
-  std::vector<int2> all(13);
-  EXPECT_EQ(boxf_read_all_xysi(all.data(), 0, star.c_str()), 13);
-  EXPECT_EQ(all[12].x, 632);
-  // Only rows of seven columns count.
-  TempFile f("1 2 3 4\n1 2 3 4 5 6 7\n\n1 2 3 4 5 6 7 8\n1 2 3 4 5 6\n", ".box");
-  EXPECT_EQ(get_ptcl_number_from_boxf(f.path.c_str()), 2);
-}
-
-TEST(Printing, FormatEmptyBoxesAndTheLimit) {
-  PTCL_BOX boxes[3];
-  boxes[0].x = 5, boxes[0].y = 6, boxes[0].cc = 0.5f, boxes[0].class_number = 2, boxes[0].psi = 10.0f;
-  boxes[1].w = boxes[2].h = 0;  // passed over
-  testing::internal::CaptureStdout();
-  print_n_ptcl_boxes(boxes, 3);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "5       6       256     256     0.500000        2       10.000000\n");
-
-  PTCL_BOX* all = static_cast<PTCL_BOX*>(std::calloc(PTCL_BOX_MAX, sizeof(PTCL_BOX)));  // every record empty
-  ASSERT_NE(all, nullptr);
-  all[0] = box_at(1, 0, 2, 2);
-  all[PTCL_BOX_MAX - 1] = box_at(9, 0, 4, 4);
-  TempFile f("", ".box");
-  fprint_all_ptcl_boxes(f.path.c_str(), all);
-  EXPECT_EQ(read_file_bytes(f.path),
-            "1       0       2       2       0.000000        0       0.000000\n"
-            "9       0       4       4       0.000000        0       0.000000\n");
-  std::vector<PTCL_BOX> back(4);
-  EXPECT_EQ(read_all_ptcl_boxes(back.data(), 4, f.path.c_str()), 2);  // the printed form reads back
-  EXPECT_EQ(back[1].w, 4);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(empty_all_ptcl_boxes(all, PTCL_BOX_MAX + 5), 0);
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("Too many particle numbers!!"), std::string::npos);
-  EXPECT_EQ(all[PTCL_BOX_MAX - 1].x, 0);
-  std::free(all);
-  EXPECT_EXIT_REPORT(fprint_all_ptcl_boxes("/nonexistent/dir/o.box", nullptr),
-                     "Cannot open file /nonexistent/dir/o.box. strike any key exit!");
-}
-
-TEST(Neighbours, CircleOfGridPointsAndFromAFile) {
+TEST(Neighbours, CircleOfGridPoints) {
   const PTCL_BOX center = box_at(100, 100, 20, 20);  // centre (110, 110)
   std::vector<PTCL_BOX> out(64);
   const int n = auto_generate_neighbor_boxes_circular(out.data(), 64, center, 10.0f, 16, 5);
@@ -221,29 +160,6 @@ TEST(Neighbours, CircleOfGridPointsAndFromAFile) {
   EXPECT_EQ(out[0].cc, 0.3989423f);  // a radius of 0 gives the peak weight, not a division by 0
   EXPECT_EQ(auto_generate_neighbor_boxes_circular(out.data(), 64, center, 10.0f, 16, 0), 0);
   EXPECT_EQ(auto_generate_neighbor_boxes_circular(out.data(), 64, center, 1e30f, 16, 1), 64);  // ends at capacity
-
-  TempFile f("data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n110 110\n113 114\n", ".star");
-  ASSERT_EQ(generate_neighbor_boxes_from_boxf(out.data(), 8, f.path.c_str(), center, 10.0f, 32), 2);
-  EXPECT_EQ(fields(out[0]), Fields({94, 94, 32, 32, 0.3989423f, 0, 0, 0}));
-  EXPECT_FLOAT_EQ(out[1].distance, 5.0f);
-  EXPECT_FLOAT_EQ(out[1].cc, 0.3989423f * std::exp(-25.0f / (100.0f / 4.5f)));  // a Gaussian of the distance
-}
-
-TEST(Grids, PlainGrid) {
-  const auto points = auto_gridbox_2d(0, 10, 5, 0, 4, 2);
-  ASSERT_EQ(points.size(), 9u);
-  EXPECT_EQ(xy(points.data() + 1, 1), Fields({5, 0}));
-  EXPECT_EQ(xy(points.data() + 8, 1), Fields({10, 4}));
-  EXPECT_TRUE(auto_gridbox_2d(0, 10, 0, 0, 4, 2).empty());
-  EXPECT_TRUE(auto_gridbox_2d(10, 0, 1, 0, 4, 2).empty());
-  testing::internal::CaptureStdout();
-  EXPECT_TRUE(auto_gridbox_2d(0, 1e6f, 0.01f, 0, 1e6f, 0.01f).empty());
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("Too many particle numbers!!"), std::string::npos);
-  TempFile f("", ".star");
-  EXPECT_EQ(auto_gridboxf_2d(f.path.c_str(), 0, 5, 5, 1, 1, 1), 2);
-  EXPECT_EQ(read_file_bytes(f.path),
-            "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n        0.00        1.00\n"
-            "        5.00        1.00\n\n");
 }
 
 TEST(Grids, CentredBoxesStayInside) {
@@ -251,7 +167,6 @@ TEST(Grids, CentredBoxesStayInside) {
   ASSERT_EQ(corners.size(), 9u);
   // The middle box is centred on the area.
   EXPECT_EQ(xy(corners.data(), 9), Fields({10, 0, 40, 0, 70, 0, 10, 30, 40, 30, 70, 30, 10, 60, 40, 60, 70, 60}));
-  EXPECT_EQ(auto_gridbox_2d_from_center_nxm(100, 80, 20, 3, 2).size(), 3u);
   EXPECT_TRUE(auto_gridbox_2d_from_center(100, 80, 120, 30, 30).empty());
   EXPECT_TRUE(auto_gridbox_2d_from_center(100, 80, 20, 0, 30).empty());
   TempFile f("", "_autogrid.star");
@@ -259,7 +174,6 @@ TEST(Grids, CentredBoxesStayInside) {
   std::vector<PTCL_BOX> back(8);
   ASSERT_EQ(read_all_ptcl_boxes(back.data(), 8, f.path.c_str()), 3);  // centres, read back as a .star file
   EXPECT_EQ(std::vector<int>({back[0].x, back[1].x, back[1].y}), std::vector<int>({17, 50, 40}));
-  EXPECT_EQ(auto_grid_starboxf_2d_from_center(f.path.c_str(), 100, 80, 20, 30, 30), 9);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Text lines, splitting, keywords, file names and one-block arrays.
+// Text lines, splitting, keywords, file names and name tables.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -35,7 +35,7 @@ TEST(Strlcpy, TwoArgumentFormClearsCopiesAndNeverOverflows) {
   for (int i = PICKORA_NAME_LEN; i < PICKORA_NAME_LEN + 16; ++i) ASSERT_EQ(dst[i], 'g');
 }
 
-TEST(Words, KeywordsNullNamesAndNumbers) {
+TEST(Words, KeywordsAndNullNames) {
   // One or two dashes, any case, the whole word.
   for (const char* k : {"--BOXSIZE", "-BoxSize"}) EXPECT_EQ(keywd_cmp(k, "boxsize"), 1) << k;
   for (const char* k : {"---boxsize", "-xboxsize", "boxsize", "--boxsize2", "--box"})
@@ -48,9 +48,6 @@ TEST(Words, KeywordsNullNamesAndNumbers) {
   EXPECT_EQ(is_str_null(nullptr), 1);
   for (const char* s : {" ", "NULLS", "a.mrc", "NULL\n", " none"}) EXPECT_EQ(is_str_null(s), 0) << s;
 
-  for (const char* s : {"-.5", "+", "-", "", "12", "3.25", "+7.", ".0"}) EXPECT_EQ(is_float_number(s), 1) << s;
-  for (const char* s : {"1e3", "1.2.3", "--1", "+-1", " 1", "1 ", "abc", "0x10", "nan"})
-    EXPECT_EQ(is_float_number(s), 0) << s;
 }
 
 TEST(FileNames, SuffixLengthAndReplacement) {
@@ -72,7 +69,7 @@ TEST(FileNames, SuffixLengthAndReplacement) {
   EXPECT_EQ(std::strlen(dst), 1023u);
 }
 
-TEST(Split, InPlaceAndCopyingForms) {
+TEST(Split, InPlaceForms) {
   char* tokens[16];
   char line[] = "  1 2\t3  4 5 6 7 8\n", line2[] = "a,,b,c,", line3[] = "x y", blank[] = " \t\r\v\f\n";
   EXPECT_EQ(strnsplit_inplace_byspace(tokens, line, 7), 7);  // the limit, and runs of separators
@@ -80,30 +77,12 @@ TEST(Split, InPlaceAndCopyingForms) {
   EXPECT_EQ(strnsplit_inplace(tokens, line2, ",", 8), 3);
   EXPECT_EQ(first_tokens(tokens, 3), (std::vector<std::string>{"a", "b", "c"}));
   for (int n : {0, -3}) EXPECT_EQ(strnsplit_inplace(tokens, line3, " ", n), 0) << n;
-  EXPECT_EQ(strsplit_inplace(tokens, line3, ""), 0);
-  EXPECT_EQ(strsplit_inplace(tokens, nullptr, " "), 0);
-  EXPECT_EQ(strsplit_inplace_byspace(tokens, blank), 0);
-
-  // The copying forms leave the source alone, and their tokens outlive later calls.
-  const std::string src = "mic_1.mrc 12 34";
-  EXPECT_EQ(strsplit_byspace(tokens, src.c_str()), 3);
-  EXPECT_EQ(src, "mic_1.mrc 12 34");
-  char* first[8];
-  EXPECT_EQ(strsplit(first, "a:b", ":"), 2);
-  EXPECT_EQ(strnsplit(tokens, "c:d:e", ":", 2), 2);
-  EXPECT_EQ(std::string(first[1]) + tokens[1], "bd");
-  EXPECT_EQ(strnsplit_byspace(tokens, "p q r", 2), 2);
-  EXPECT_EQ(strsplit(tokens, "", ":"), 0);
-  EXPECT_EQ(strsplit(tokens, "abc", nullptr), 0);
-
-  // A missing destination is reported; the last form ends the run.
+  EXPECT_EQ(strnsplit_inplace(tokens, line3, "", 5), 0);
+  EXPECT_EQ(strnsplit_inplace(tokens, nullptr, " ", 5), 0);
+  EXPECT_EQ(strnsplit_inplace_byspace(tokens, blank, 5), 0);
   testing::internal::CaptureStdout();
-  EXPECT_EQ(strsplit(nullptr, "a b", " ") + strsplit_byspace(nullptr, "a b") + strnsplit(nullptr, "a b", " ", 2), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "Error in function strsplit()!Memory for 'dest' not allocated.\n"
-            "Error in function strsplit_byspace()!Memory for 'dest' not allocated.\n"
-            "Error in function strnsplit()!Memory for 'dest' not allocated.\n");
-  EXPECT_EXIT_REPORT(strnsplit_byspace(nullptr, "a b", 2), "");
+  EXPECT_EQ(strnsplit_inplace(nullptr, line3, " ", 2), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error in function strnsplit()!Memory for 'dest' not allocated.\n");
 }
 
 TEST(Lines, LongLinesAreReadInPiecesOrCut) {
@@ -137,33 +116,6 @@ TEST(Lines, LongLinesAreReadInPiecesOrCut) {
   for (char c : line) ASSERT_EQ(c, '\0');
   EXPECT_EQ(next_text_line(line, fp), 0);
   std::fclose(fp);
-
-  TempFile g(std::string(12000, 'b'));
-  fp = std::fopen(g.path.c_str(), "r");
-  std::vector<char> lline(PICKORA_LLINE_LEN, 'q');
-  read_one_lline(lline.data(), fp);
-  EXPECT_EQ(std::strlen(lline.data()), 10239u);
-  read_one_lline(lline.data(), fp);
-  EXPECT_EQ(std::strlen(lline.data()), 12000u - 10239u);
-  std::fclose(fp);
-}
-
-TEST(Lines, NumbersFromALine) {
-  TempFile f("1.5 -2 3e2 7\n4 5\n9\n1 2 3 4\n");
-  FILE* fp = std::fopen(f.path.c_str(), "r");
-  float out[5] = {-1, -1, -1, -1, -1};
-  EXPECT_EQ(read_one_line_to_f32(out, 3, fp), 0);
-  EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{1.5f, -2, 300, -1}));  // beyond n: untouched
-  EXPECT_EQ(read_one_line_to_f32(out, 5, fp), 0);
-  EXPECT_EQ(std::vector<float>(out, out + 3), (std::vector<float>{4, 5, 300}));  // fewer tokens: the rest stays
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(read_one_line_to_f32_strict(out, 2, fp), -1);
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("Number of line columns must be at least the data points!"),
-            std::string::npos);
-  EXPECT_EQ(out[0], 4.0f);
-  EXPECT_EQ(read_one_line_to_f32_strict(out, 2, fp), 0);  // a longer line counts as n
-  EXPECT_EQ(out[1], 2.0f);
-  std::fclose(fp);
 }
 
 TEST(Search, OffsetOfMatchingLine) {
@@ -175,51 +127,20 @@ TEST(Search, OffsetOfMatchingLine) {
   read_one_line(line, fp);
   EXPECT_STREQ(line, "Processing done successfully\n");
   EXPECT_EQ(FILE_find_str_line(fp, "delta"), -1);
-  EXPECT_EQ(FILE_Nfind_str_line(fp, "Processing", 1), -1);  // two lines looked at
-  EXPECT_EQ(FILE_Nfind_str_line(fp, "Processing", 2), 11);
-  EXPECT_EQ(FILE_Nfind_str_line(fp, "alpha", -1), -1);
   std::fclose(fp);
-  EXPECT_EQ(f_Nfind_str_line(f.path.c_str(), "gamma", 3), 4);
-  EXPECT_EQ(f_Nfind_str_line(f.path.c_str(), "gamma", 2), -1);
-  EXPECT_EQ(f_Nfind_str_line(f.path.c_str(), "alpha", 0), 1);
-  EXPECT_EXIT_REPORT(f_Nfind_str_line("/nonexistent/x.log", "a", 3),
-                     "Cannot open file /nonexistent/x.log. Permission denied or wrong file name.\n.*"
-                     "Error in function f_Nfind_str_line\\(\\), file src/txt_file on line [0-9]+: "
-                     "open file '/nonexistent/x.log' failed.! Exit now!");
 }
 
-TEST(Arrays, TwoAndThreeDimensionalLayouts) {
-  const int rows = 3, cols = 5;
-  double** a = reinterpret_cast<double**>(malloc2d(rows, cols, sizeof(double)));
-  ASSERT_NE(a, nullptr);
-  std::vector<double> flat(rows * cols), back(rows * cols);
-  for (int i = 0; i < rows * cols; ++i) flat[i] = i * 1.5;
-  EXPECT_EQ(memcpy_1d_to_2d(a, flat.data(), rows, cols, sizeof(double)), 0);
-  EXPECT_EQ(a[2][3], flat[2 * cols + 3]);  // the row pointers reach the rows of one block
-  EXPECT_EQ(memcpy_2d_to_1d(back.data(), a, rows, cols, sizeof(double)), 0);
-  EXPECT_EQ(back, flat);
-  EXPECT_EQ(empty2d_array(a, rows, cols, sizeof(double)), 0);
-  EXPECT_EQ(std::vector<double>(a[0], a[0] + rows * cols), std::vector<double>(rows * cols, 0.0));
-  free2d(a);
-  char** names = strmalloc2d(4, PICKORA_NAME_LEN);
+// Name tables: rows of one block, cleared as one.
+TEST(Arrays, RowsOfOneBlockAndBadSizes) {
+  const int rows = 4;
+  char** names = strmalloc2d(rows, PICKORA_NAME_LEN);
   ASSERT_NE(names, nullptr);
   EXPECT_EQ(names[3] - names[0], 3 * PICKORA_NAME_LEN);
+  std::memset(names[0], 'n', rows * PICKORA_NAME_LEN);
+  EXPECT_EQ(empty2d_array(names, rows, PICKORA_NAME_LEN, 1), 0);
+  EXPECT_EQ(std::string(names[0], rows * PICKORA_NAME_LEN), std::string(rows * PICKORA_NAME_LEN, '\0'));
   free2d(names);
 
-  const int n0 = 2, n1 = 3, n2 = 4;
-  float*** b = reinterpret_cast<float***>(malloc3d(n0, n1, n2, sizeof(float)));
-  ASSERT_NE(b, nullptr);
-  std::vector<float> flat3(n0 * n1 * n2), back3(flat3.size());
-  for (size_t i = 0; i < flat3.size(); ++i) flat3[i] = static_cast<float>(i);
-  EXPECT_EQ(memcpy_1d_to_3d(b, flat3.data(), n0, n1, n2, sizeof(float)), 0);
-  EXPECT_EQ(b[1][2][3], flat3[(1 * n1 + 2) * n2 + 3]);
-  EXPECT_EQ(b[0][2][3], flat3[2 * n2 + 3]);
-  EXPECT_EQ(memcpy_3d_to_1d(back3.data(), b, n0, n1, n2, sizeof(float)), 0);
-  EXPECT_EQ(back3, flat3);
-  free3d(b);
-}
-
-TEST(Arrays, BadSizesGiveNullWithMessage) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(malloc2d(-1, 4, 4), nullptr);
   EXPECT_EQ(malloc2d(0, 4, 4), nullptr);
@@ -230,14 +151,6 @@ TEST(Arrays, BadSizesGiveNullWithMessage) {
   std::string expected;
   for (int i = 0; i < 6; ++i) expected += "Function 'malloc()' error in 'malloc2d()' ! Not enough memory!\n";
   EXPECT_EQ(testing::internal::GetCapturedStdout(), expected);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(malloc3d(2, -2, 2, 4), nullptr);
-  EXPECT_EQ(malloc3d(2048, 2048, 2048, 4), nullptr);
-  EXPECT_EQ(malloc3d(0x40000000, 2, 1, 1), nullptr);  // the pointer tables alone exceed 2 GiB
-  EXPECT_NE(
-      testing::internal::GetCapturedStdout().find("\nFunction 'malloc()' error in 'malloc3d()' ! Not enough memory!"),
-      std::string::npos);
-  EXPECT_EQ(memcpy_1d_to_2d(nullptr, "x", 1, 1, 1), -1);
   EXPECT_EQ(empty2d_array(nullptr, 1, 1, 1), -1);
 }
 
