@@ -20,14 +20,13 @@ def check_rotation(folder):
     turned = read(folder, "rot90.mrc")
     assert turned.shape == (1,) + a.shape, turned.shape
     # A quarter turn from +x toward +y; the border may lose pixels to rounding of cos(90).
-    expected = np.rot90(a, -1)
-    assert np.allclose(turned[0][1:-1, 1:-1], expected[1:-1, 1:-1], atol=1e-5), "quarter turn"
-    shifted = read(folder, "shift.mrc")[0]  # tx = 0.5, ty = -1, no turn
-    want = np.zeros_like(a)
+    assert np.allclose(turned[0][1:-1, 1:-1], np.rot90(a, -1)[1:-1, 1:-1], atol=1e-5), "quarter turn"
+    want = np.zeros_like(a)  # tx = 0.5, ty = -1, no turn; zero outside
     want[:-1, 1:] = 0.5 * (a[1:, 1:] + a[1:, :-1])
-    assert np.allclose(shifted, want, atol=1e-6), "translation by (0.5, -1)"
-    assert np.all(shifted[:, 0] == 0) and np.all(shifted[-1, :] == 0), "outside is zero"
-    assert np.array_equal(read(folder, "identity.mrc")[0], a), "the identity transform is exact"
+    assert np.allclose(read(folder, "shift.mrc")[0], want, atol=1e-6), "translation by (0.5, -1)"
+    want = np.zeros_like(a)  # the record (2, 1) in the forward direction moves the picture by it
+    want[1:, 2:] = a[:-1, :-2]
+    assert np.array_equal(read(folder, "moved.mrc")[0], want), "whole shift by the transform"
 
 
 def check_flips(folder):
@@ -38,8 +37,7 @@ def check_flips(folder):
                 6: t[:, ::-1, :], 7: a.reshape(nz, nx, ny)}
     for mode, want in expected.items():
         got = read(folder, f"flip{mode}.mrc")
-        assert got.shape == want.shape, (mode, got.shape, want.shape)
-        assert np.array_equal(got, want), f"flip mode {mode}"
+        assert got.shape == want.shape and np.array_equal(got, want), f"flip mode {mode}"
     assert np.array_equal(read(folder, "swap2ds.mrc"), t), "stack transposition"
     assert np.array_equal(read(folder, "swap2d.mrc")[0], a[0].T[:, ::-1]), "quarter turn by swap_xy"
 
@@ -47,38 +45,32 @@ def check_flips(folder):
 def check_projections(folder):
     a = read(folder, "in.mrc")[0]
     for line in open(f"{folder}/cases.txt"):
-        name, n1, n2, cx, cy, degrees, direction = line.split()
-        n1, n2, direction = int(n1), int(n2), int(direction)
-        cx, cy, degrees = float(cx), float(cy), float(degrees)
+        name, n1, n2, cx, cy, degrees, direction, _ = line.split()
+        n1, n2, direction, cx, cy = int(n1), int(n2), int(direction), float(cx), float(cy)
         got = read(folder, f"{name}.mrc")
         assert got.shape == (1, 1, n1), (name, got.shape)
-        u = np.rint(np.arange(n1) - (n1 - 1) / 2).astype(int) if n1 % 2 else None
         if direction not in (1, -1):  # the plain column sums of the rectangle
             cols = (cx + np.arange(n1) - (n1 - 1) / 2).astype(int)
             rows = (cy + np.arange(n2) - (n2 - 1) / 2).astype(int)
             want = a[np.ix_(rows, cols)].sum(axis=0)
         else:  # a quarter turn: row sums, in reverse order for direction 1
-            assert degrees == 90.0 and u is not None
-            rows = (cy + u).astype(int)
+            assert float(degrees) == 90.0 and n1 % 2
+            rows = (cy + np.rint(np.arange(n1) - (n1 - 1) / 2)).astype(int)
             cols = (cx + np.arange(n2) - (n2 - 1) / 2).astype(int)
-            want = a[np.ix_(rows, cols)].sum(axis=1)
-            if direction == 1:
-                want = want[::-1]
+            want = a[np.ix_(rows, cols)].sum(axis=1)[::-direction]
         assert np.allclose(got[0, 0], want, atol=1e-4), (name, got[0, 0], want)
 
 
 def check_hotpixels(folder):
     a = read(folder, "in.mrc").astype(np.float64)
     got = read(folder, "hot.mrc")
-    for z in range(a.shape[0]):
-        s = a[z]
+    for z, s in enumerate(a):
         hot = np.abs(s - s.mean()) > s.std() * 3.0
         p = np.pad(s, 1, mode="edge")
         direct = p[1:-1, :-2] + p[1:-1, 2:] + p[:-2, 1:-1] + p[2:, 1:-1]
         diagonal = p[:-2, :-2] + p[:-2, 2:] + p[2:, :-2] + p[2:, 2:]
-        want = np.where(hot, (2 * direct + diagonal) / 12, s)
         assert hot.sum() >= 1
-        assert np.allclose(got[z], want, atol=1e-5), f"slice {z}"
+        assert np.allclose(got[z], np.where(hot, (2 * direct + diagonal) / 12, s), atol=1e-5), f"slice {z}"
 
 
 def check_spectra(folder):
@@ -93,20 +85,14 @@ def check_spectra(folder):
     v = a.astype(np.float64)
     sums = np.bincount(i[keep], (1 - e[keep]) * v[keep], nxh + 1) + np.bincount(i[keep] + 1, e[keep] * v[keep], nxh + 1)
     weights = np.bincount(i[keep], 1 - e[keep], nxh + 1) + np.bincount(i[keep] + 1, e[keep], nxh + 1)
-    want = (sums / weights)[:nxh]
-    assert np.allclose(read(folder, "average.mrc")[0, 0], want, rtol=1e-5), "rotational average"
+    assert np.allclose(read(folder, "average.mrc")[0, 0], (sums / weights)[:nxh], rtol=1e-5), "rotational average"
     rc = np.float32(2 * (nxh - 1)) * np.float32(1.0) / np.float32(4.0)
     assert np.array_equal(read(folder, "zero.mrc")[0], np.where(f < rc, 0, a)), "zeroed low frequencies"
-    damp = np.where(f < rc, np.exp(-((rc - f) ** 2) / (2 * (rc / 3) ** 2)), 1.0)
-    assert np.allclose(read(folder, "smooth_device.mrc")[0], a * damp, rtol=1e-5), "device damping"
-    host = a * damp
-    host[ny // 2, 0] = 0
-    assert np.allclose(read(folder, "smooth_host.mrc")[0], host, rtol=1e-5), "host damping"
+    damped = a * np.where(f < rc, np.exp(-((rc - f) ** 2) / (2 * (rc / 3) ** 2)), 1.0)
+    assert np.allclose(read(folder, "smooth_device.mrc")[0], damped, rtol=1e-5), "device damping"
+    damped[ny // 2, 0] = 0
+    assert np.allclose(read(folder, "smooth_host.mrc")[0], damped, rtol=1e-5), "host damping"
 
-
-CHECKS = {"rotation": check_rotation, "flips": check_flips, "projections": check_projections,
-          "hotpixels": check_hotpixels, "spectra": check_spectra}
 
 if __name__ == "__main__":
-    CHECKS[sys.argv[1]](sys.argv[2])
-    sys.exit(0)
+    globals()["check_" + sys.argv[1]](sys.argv[2])
