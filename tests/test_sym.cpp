@@ -1,6 +1,7 @@
 // Symmetry operators: the two file formats, inverses, and the point-group tables as groups.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -23,31 +24,27 @@ int find(const RMat* table, int n, const double* m) {
   return -1;
 }
 
-// Identity first, orthogonal, determinant 1 (R R^T = I with det 1), no element twice, closed.
+// The product a b, or a b^T when `transposed`, in double.
+std::array<double, 9> product(const float* a, const float* b, bool transposed) {
+  std::array<double, 9> p{};
+  for (int i = 0; i < 9; ++i)
+    for (int k = 0; k < 3; ++k) p[i] += double(a[i / 3 * 3 + k]) * (transposed ? b[i % 3 * 3 + k] : b[k * 3 + i % 3]);
+  return p;
+}
+
+// Identity first, orthogonal (a a^T is the identity), determinant 1, no element twice, closed.
 void expect_group(const RMat* t, int n) {
   const double id[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-  EXPECT_EQ(find(t, 1, id), 0);
+  ASSERT_EQ(find(t, 1, id), 0);
   for (int a = 0; a < n; ++a) {
     const float* m = t[a];
-    const double det = m[0] * (m[4] * m[8] - m[5] * m[7]) - m[1] * (m[3] * m[8] - m[5] * m[6]) +
-                       m[2] * (m[3] * m[7] - m[4] * m[6]);
+    const double det =
+        m[0] * (m[4] * m[8] - m[5] * m[7]) - m[1] * (m[3] * m[8] - m[5] * m[6]) + m[2] * (m[3] * m[7] - m[4] * m[6]);
     EXPECT_NEAR(det, 1.0, 1e-5) << a;
-    double self[9];
-    for (int i = 0; i < 9; ++i) self[i] = m[i];
-    EXPECT_EQ(find(t, n, self), a) << "repeated element " << a;
-    for (int b = 0; b < n; ++b) {
-      double p[9], q[9];  // a b and a b^T
-      for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) {
-          p[i * 3 + j] = q[i * 3 + j] = 0.0;
-          for (int k = 0; k < 3; ++k) p[i * 3 + j] += double(m[i * 3 + k]) * t[b][k * 3 + j];
-          for (int k = 0; k < 3; ++k) q[i * 3 + j] += double(m[i * 3 + k]) * t[b][j * 3 + k];
-        }
-      ASSERT_GE(find(t, n, p), 0) << "not closed: " << a << " x " << b;
-      if (a == b) {
-        ASSERT_EQ(find(t, 1, q), 0) << "not orthogonal: " << a;  // slot 0 is the identity
-      }
-    }
+    EXPECT_EQ(find(t, 1, product(m, m, true).data()), 0) << "not orthogonal: " << a;
+    EXPECT_EQ(find(t, n, product(m, t[0], false).data()), a) << "repeated element " << a;  // a times the identity
+    for (int b = 0; b < n; ++b)
+      ASSERT_GE(find(t, n, product(m, t[b], false).data()), 0) << "not closed: " << a << " x " << b;
   }
 }
 
@@ -85,7 +82,8 @@ TEST(PointGroups, TablesAreGroupsOfTheirOrderAndSetting) {
 }
 
 TEST(OStyleFile, ReadsOperatorsAndRefusesTruncatedOnes) {
-  TempFile f2(".NCS_symmetry_operators 1\n 0 -1\n1 0\n 2.5 -3\nother text\n\n.ncs_symmetry_operators 2\n1 0\n0 1\n0 0\n");
+  TempFile f2(
+      ".NCS_symmetry_operators 1\n 0 -1\n1 0\n 2.5 -3\nother text\n\n.ncs_symmetry_operators 2\n1 0\n0 1\n0 0\n");
   std::vector<RT_Mat2D> s2{rtmat2d_identity()};
   EXPECT_EQ(get_syms2d_from_ofile(s2, f2.path.c_str()), 0);
   ASSERT_EQ(s2.size(), 2u);
@@ -100,7 +98,6 @@ TEST(OStyleFile, ReadsOperatorsAndRefusesTruncatedOnes) {
   EXPECT_EQ(get_syms3d_from_ofile(s3, none.path.c_str()), -1);
   EXPECT_EQ(get_syms2d_from_ofile(s2, none.path.c_str()), 0);  // the 2D form leaves the check to its caller
   EXPECT_TRUE(s2.empty() && s3.empty());
-
   TempFile short3(".ncs_symmetry_operators\n1 0 0\n0 1 0\n0 0 1\n");  // the fourth row missing
   EXPECT_EXIT_REPORT(get_syms3d_from_ofile(s3, short3.path.c_str()), "Unknown symmetry file format! Exit now!");
   TempFile wide2(".ncs_symmetry_operators\n1 0\n0 1 7\n0 0\n");
@@ -142,15 +139,15 @@ TEST(Inverses, ComposeToIdentityForGeneralMatrices) {
   std::vector<RT_Mat2D> list{m2};
   RT_Mat2D i2;
   sym2d_vector_to_inverse_syms(&i2, list);
-  const float px = 4.0f, py = -2.0f;
-  const float qx = i2.R11 * px + i2.R12 * py + i2.Tx, qy = i2.R21 * px + i2.R22 * py + i2.Ty;
-  EXPECT_NEAR(m2.R11 * qx + m2.R12 * qy + m2.Tx, px, 1e-5);
-  EXPECT_NEAR(m2.R21 * qx + m2.R22 * qy + m2.Ty, py, 1e-5);
+  // The inverse of (4, -2), mapped forward again.
+  const float qx = i2.R11 * 4.0f - i2.R12 * 2.0f + i2.Tx, qy = i2.R21 * 4.0f - i2.R22 * 2.0f + i2.Ty;
+  EXPECT_NEAR(m2.R11 * qx + m2.R12 * qy + m2.Tx, 4.0f, 1e-5);
+  EXPECT_NEAR(m2.R21 * qx + m2.R22 * qy + m2.Ty, -2.0f, 1e-5);
   sym2d_vector_inverse_inplace(list);
   EXPECT_EQ(list[0].Ty, i2.Ty);
 
-  char* tokens[12];
   std::vector<std::string> words = {"2", "1", "0", "-1", "3", "1", "0.5", "0", "1", "1", "-2", "4"};
+  char* tokens[12];
   for (int i = 0; i < 12; ++i) tokens[i] = &words[i][0];
   RT_Mat3D m3;
   EXPECT_EQ(m3.set(tokens, 10), -1);  // refused, record unchanged
