@@ -12,13 +12,15 @@
 
 namespace {
 
-const std::string kExe = std::string(PICKORA_BIN_DIR) + "/pickora-image";
-
 class ImageCommand : public testing::Test {
  protected:
   TempDir dir;
+  std::string out;
   std::string f(const std::string& name) const { return dir.file(name); }
-  int run(const std::string& args, std::string& out) const { return run_command(kExe + " " + args, out); }
+  // Runs pickora-image in the test's folder, so that the arguments name its files plainly.
+  int run(const std::string& args) {
+    return run_command("cd " + dir.path() + " && " + PICKORA_BIN_DIR + "/pickora-image " + args, out);
+  }
   void write(const std::string& name, const std::vector<float>& data, int nx, int ny, int nz) const {
     mrcf_write_xyz_data(f(name).c_str(), data.data(), nx, ny, nz);
   }
@@ -37,66 +39,48 @@ class ImageCommand : public testing::Test {
 };
 
 TEST_F(ImageCommand, EverySubcommandMatchesNumpy) {
-  std::string out;
-  ASSERT_EQ(run("rotate --in " + f("img.mrc") + " --out " + f("rot.mrc") + " --angle 90", out), 0) << out;
-  ASSERT_EQ(run("flip --in " + f("stack.mrcs") + " --out " + f("flip.mrcs") + " --mode 1", out), 0) << out;
-  ASSERT_EQ(run("hotpixels --in " + f("hot.mrcs") + " --out " + f("clean.mrcs") + " --factor 3", out), 0) << out;
-  ASSERT_EQ(run("dose --in " + f("movie.mrcs") + " --out " + f("mean.mrc") + " --log " + f("dose.txt") +
-                    " --apix 1.2 --scheme 0 --device 2",
-                out),
-            0)
-      << out;
-  ASSERT_EQ(run("ncs-average --image " + f("image.mrc") + " --mask " + f("mask.mrc") + " --syms " + f("syms.txt") +
-                    " --ox 20 --oy 28 --gpu 999 --out " + f("patch.mrc"),
-                out),
-            0)
-      << out;
-  ASSERT_EQ(run("ncs-cccs --ref " + f("patch.mrc") + " --image " + f("image.mrc") + " --mask " + f("mask.mrc") +
-                    " --syms " + f("syms.txt") + " --ox 20 --oy 28",
-                out),
-            0)
-      << out;
+  for (const char* args :
+       {"rotate --in img.mrc --out rot.mrc --angle 90", "flip --in stack.mrcs --out flip.mrcs --mode 1",
+        "hotpixels --in hot.mrcs --out clean.mrcs --factor 3",
+        "dose --in movie.mrcs --out mean.mrc --log dose.txt --apix 1.2 --scheme 0 --device 2",
+        "ncs-average --image image.mrc --mask mask.mrc --syms syms.txt --ox 20 --oy 28 --gpu 999 --out patch.mrc",
+        "ncs-cccs --ref patch.mrc --image image.mrc --mask mask.mrc --syms syms.txt --ox 20 --oy 28"})
+    ASSERT_EQ(run(args), 0) << args << "\n" << out;
   EXPECT_NE(out.find("ccc = 1.000000 \n"), std::string::npos) << out;
-  const std::string cmd =
-      "/usr/bin/python3 " + std::string(PICKORA_SOURCE_DIR) + "/tests/python/image_toolkit_check.py " + dir.path();
-  std::string check;
-  EXPECT_EQ(run_command(cmd, check), 0) << check;
+  const std::string check = std::string(PICKORA_SOURCE_DIR) + "/tests/python/image_toolkit_check.py ";
+  EXPECT_EQ(run_command("/usr/bin/python3 " + check + dir.path(), out), 0) << out;
 }
 
 TEST_F(ImageCommand, HelpPerSubcommandAndRefusals) {
-  std::string out;
   for (const char* sub : {"rotate", "flip", "hotpixels", "dose", "ncs-average", "ncs-cccs"}) {
-    EXPECT_EQ(run(std::string(sub) + " --help", out), 0) << sub;
+    EXPECT_EQ(run(std::string(sub) + " --help"), 0) << sub;
     EXPECT_NE(out.find(std::string("Usage: pickora-image ") + sub + " [options]"), std::string::npos) << out;
   }
-  EXPECT_EQ(run("", out), 0);
+  EXPECT_EQ(run(""), 0);
   EXPECT_NE(out.find("ncs-cccs"), std::string::npos);
-
-  // A refused run: status 1, the red form, and an earlier file of the output's name intact.
-  const std::string kept = f("img.mrc");
-  const std::string before = read_file_text(kept);
+  // A refused run: status 1, the red form, and an earlier file of the output's name (img.mrc) intact.
+  const std::string before = read_file_text(f("img.mrc"));
   write_file_text(f("short.txt"), "0 1 0 0\n1 2 0 0\n2 3 0 0\n");
-  EXPECT_EQ(run("dose --in " + f("movie.mrcs") + " --out " + kept + " --log " + f("short.txt") + " --apix 1", out), 1);
-  EXPECT_NE(out.find("Can not get lines from dose/drift log file"), std::string::npos) << out;
-  EXPECT_NE(out.find("does not give dose and drift for each of the 4 frames! Exit now!"), std::string::npos) << out;
   write("one.mrc", random_image(16 * 12, 6), 16, 12, 1);
-  EXPECT_EQ(run("dose --in " + f("one.mrc") + " --out " + kept + " --log " + f("dose.txt") + " --apix 1", out), 1);
-  EXPECT_NE(out.find("Too few Movie frames!! Exit now!"), std::string::npos) << out;
-  EXPECT_EQ(run("ncs-average --image " + f("mask.mrc") + " --mask " + f("image.mrc") + " --syms " + f("syms.txt") +
-                    " --ox 0 --oy 0 --out " + kept,
-                out),
-            1);
-  EXPECT_NE(out.find("is larger than the image (8 x 6)! Exit now!"), std::string::npos) << out;
-  EXPECT_EQ(read_file_text(kept), before);
-
-  EXPECT_EQ(run("rotate --in " + kept + " --out " + f("r.mrc"), out), 1);
-  EXPECT_NE(out.find("pickora-image rotate needs --angle (see --help)! Exit now!"), std::string::npos) << out;
-  EXPECT_EQ(run("flip --in " + kept + " --out " + f("r.mrc") + " --mode 9", out), 1);
-  EXPECT_NE(out.find("option --mode takes a whole number from 0 to 7, not '9'"), std::string::npos) << out;
-  EXPECT_EQ(run("rotate --bogus 1", out), 1);
-  EXPECT_NE(out.find("unknown option '--bogus' of pickora-image rotate"), std::string::npos) << out;
-  EXPECT_EQ(run("resize", out), 1);
-  EXPECT_NE(out.find("unknown subcommand 'resize'"), std::string::npos) << out;
+  struct Refusal {
+    const char *args, *message;
+  };
+  const Refusal refusals[] = {
+      {"dose --in movie.mrcs --out img.mrc --log short.txt --apix 1", "Can not get lines from dose/drift log file"},
+      {"dose --in movie.mrcs --out img.mrc --log short.txt --apix 1",
+       "does not give dose and drift for each of the 4 frames! Exit now!"},
+      {"dose --in one.mrc --out img.mrc --log dose.txt --apix 1", "Too few Movie frames!! Exit now!"},
+      {"ncs-average --image mask.mrc --mask image.mrc --syms syms.txt --ox 0 --oy 0 --out img.mrc",
+       "is larger than the image (8 x 6)! Exit now!"},
+      {"rotate --in img.mrc --out r.mrc", "pickora-image rotate needs --angle (see --help)! Exit now!"},
+      {"flip --in img.mrc --out r.mrc --mode 9", "option --mode takes a whole number from 0 to 7, not '9'"},
+      {"rotate --bogus 1", "unknown option '--bogus' of pickora-image rotate"},
+      {"resize", "unknown subcommand 'resize'"}};
+  for (const Refusal& r : refusals) {
+    EXPECT_EQ(run(r.args), 1) << r.args;
+    EXPECT_NE(out.find(r.message), std::string::npos) << r.args << "\n" << out;
+  }
+  EXPECT_EQ(read_file_text(f("img.mrc")), before);
 }
 
 }  // namespace

@@ -1,14 +1,6 @@
 """Checks the files pickora-image wrote in DIR, read with mrcfile, against numpy.
 
-Usage: image_toolkit_check.py DIR
-  rot.mrc     = img.mrc turned by 90 degrees about its centre: out[y, x] = in[n - 1 - x, y]
-                inside the border (on the border the rounded cosine may put the source a hair
-                outside the image, which gives 0)
-  flip.mrcs   = stack.mrcs mirrored in x, slice by slice
-  clean.mrcs  = hot.mrcs with its one hot pixel (slice 1, x 4, y 5) replaced by
-                (2 x its direct neighbours + its diagonal neighbours) / 12, all else unchanged
-  mean.mrc    = the mean of the frames of movie.mrcs
-  patch.mrc   = image.mrc[28:34, 20:28], zero below the image's last row
+Usage: image_toolkit_check.py DIR (the files the test in tests/test_image_toolkit.cpp made).
 """
 import sys
 
@@ -25,31 +17,24 @@ def read(folder, name):
 
 
 def main(folder):
+    # A quarter turn about the centre, out[y, x] = in[n - 1 - x, y] inside the border (on the border
+    # the rounded cosine may put the source a hair outside the image, which gives 0).
     img = read(folder, "img.mrc")[0]
-    rot = read(folder, "rot.mrc")[0]
-    assert np.allclose(rot[1:-1, 1:-1], img[::-1, :].T[1:-1, 1:-1], atol=1e-4), "rotate"
-
-    stack = read(folder, "stack.mrcs")
-    assert np.array_equal(read(folder, "flip.mrcs"), stack[:, :, ::-1]), "flip"
-
+    assert np.allclose(read(folder, "rot.mrc")[0][1:-1, 1:-1], img[::-1, :].T[1:-1, 1:-1], atol=1e-4), "rotate"
+    assert np.array_equal(read(folder, "flip.mrcs"), read(folder, "stack.mrcs")[:, :, ::-1]), "flip in x"
+    # The one hot pixel (slice 1, x 4, y 5) becomes (2 x its direct + its diagonal neighbours) / 12.
     hot = read(folder, "hot.mrcs")
-    want = hot.copy()
-    s, x, y = 1, 4, 5
+    want, s, x, y = hot.copy(), 1, 4, 5
     direct = hot[s, y - 1, x] + hot[s, y + 1, x] + hot[s, y, x - 1] + hot[s, y, x + 1]
     diagonal = hot[s, y - 1, x - 1] + hot[s, y - 1, x + 1] + hot[s, y + 1, x - 1] + hot[s, y + 1, x + 1]
     want[s, y, x] = (2 * direct + diagonal) / 12
     assert np.allclose(read(folder, "clean.mrcs"), want, atol=1e-5), "hotpixels"
-
-    movie = read(folder, "movie.mrcs")
-    assert np.allclose(read(folder, "mean.mrc")[0], movie.mean(axis=0), atol=1e-5), "dose"
-
-    image = read(folder, "image.mrc")[0]
-    patch = np.zeros((6, 8))
-    rows = image[28:34, 20:28]
+    assert np.allclose(read(folder, "mean.mrc")[0], read(folder, "movie.mrcs").mean(axis=0), atol=1e-5), "dose"
+    patch = np.zeros((6, 8))  # the image's rectangle at (20, 28), zero below its last row
+    rows = read(folder, "image.mrc")[0][28:34, 20:28]
     patch[: rows.shape[0]] = rows
     assert np.array_equal(read(folder, "patch.mrc")[0], patch), "ncs-average"
-    return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1]))
+    main(sys.argv[1])
