@@ -145,12 +145,7 @@ class NcsFiles : public testing::Test {
     mrcf_write_xyz_data(image.c_str(), img.data(), kN, kN, 1);
     mrcf_write_xyz_data(mask.c_str(), p.mask.data(), p.mnx, p.mny, 1);
     mrcf_write_xyz_data(ref.c_str(), p.one(rotation(0), img).data(), p.mnx, p.mny, 1);
-    const RT_Mat2D half = rotation(180);
-    char text[512];
-    std::snprintf(text, sizeof text,
-                  ".ncs_symmetry_operators\n1 0\n0 1\n0 0\n.ncs_symmetry_operators\n%.9g %.9g\n%.9g %.9g\n0 0\n",
-                  half.R11, half.R12, half.R21, half.R22);
-    write_file_text(ops, text);
+    write_file_text(ops, ".ncs_symmetry_operators\n1 0\n0 1\n0 0\n.ncs_symmetry_operators\n-1 0\n0 -1\n0 0\n");
   }
   // What the correlation command prints, with the device number given.
   std::string cccs(int gid) {
