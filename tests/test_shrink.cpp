@@ -1,5 +1,5 @@
-// Shrinking micrographs to the even square work image, its mirrored extension, the plain block
-// means, and the square-size helpers.
+// Shrinking micrographs to the even square work image, its mirrored extension, and the plain
+// block means.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,11 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "mrcfile/mrcfile.h"
 #include "pickora56/work_image.h"
 #include "process2d_raw/meanshrink.h"
 #include "support/exit_report.h"
-#include "support/temp_dir.h"
 
 namespace {
 
@@ -125,67 +123,21 @@ TEST(EvenSquareShrink, FactorBelowOneWritesNothingAndGoesOn) {
   EXPECT_EQ(out, std::vector<float>(16, -7.0f));
 }
 
-TEST(PlainBlockMean, TightOutputStackSlicesAndInvertedSign) {
+TEST(PlainBlockMean, TightOutputAndStackSlices) {
   const int nx = 7, ny = 5, nz = 2, s = 2;  // 3 x 2 per slice; column 6 and row 4 dropped
   const std::vector<float> raw = wide_range_image(nx, ny * nz, 11);
-  std::vector<float> out(3 * 2 * nz), inv(3 * 2);
+  std::vector<float> out(3 * 2 * nz);
   cpu_2ds_meanshrink(out.data(), raw.data(), nx, ny, nz, s);
-  cpu_2d_meanshrink_invert(inv.data(), raw.data(), nx, ny, s);
   for (int k = 0; k < 3 * 2 * nz; ++k) {
     const int z = k / 6, Y = k / 3 % 2, X = k % 3;
     float sum = 0.0f;
     for (auto [i, j] : block_order(s, false)) sum += raw[(z * ny + Y * s + j) * nx + X * s + i];
     EXPECT_EQ(out[k], sum / 4.0f) << k;
-    EXPECT_TRUE(z > 0 || inv[k] == -(sum / 4.0f)) << k;
   }
   // s = 1 copies every pixel, odd sizes included.
   std::vector<float> copy(nx * ny);
   cpu_2d_meanshrink(copy.data(), raw.data(), nx, ny, 1);
   EXPECT_TRUE(std::equal(copy.begin(), copy.end(), raw.begin()));
-}
-
-TEST(SquareExtension, FillAndMirrorCopies) {
-  const std::vector<float> raw = {1, 2, 3, 4, 5, 6};  // 3 wide, 2 high
-  std::vector<float> sq(9, -1.0f);
-  cpu_2d_extend_to_square(sq.data(), raw.data(), 3, 2, 0.5f);
-  EXPECT_EQ(sq, (std::vector<float>{1, 2, 3, 4, 5, 6, 0.5f, 0.5f, 0.5f}));
-  cpu_2d_extend_to_square_mirror(sq.data(), raw.data(), 3, 2);
-  EXPECT_EQ(sq, (std::vector<float>{1, 2, 3, 4, 5, 6, 4, 5, 6}));
-  cpu_2d_extend_to_square(sq.data(), raw.data(), 2, 3, 0.0f);  // 2 wide, 3 high
-  EXPECT_EQ(sq, (std::vector<float>{1, 2, 0, 3, 4, 0, 5, 6, 0}));
-  // 4 x 2 is beyond the aspect limit: nothing is written and the run goes on.
-  std::vector<float> big(16, -1.0f);
-  cpu_2d_extend_to_square_mirror(big.data(), std::vector<float>(8, 1.0f).data(), 4, 2);
-  EXPECT_EQ(big, std::vector<float>(16, -1.0f));
-}
-
-TEST(SquareSizes, HelpersOfTheWorkImage) {
-  // The extended size is checked with each shrink factor above.
-  EXPECT_EQ(get_max_square_even_size(7, 10), 6);
-  EXPECT_EQ(get_max_square_even_size(12, 9), 8);
-  const int2 wide = get_max_square_clip_origin(10, 4), tall = get_max_square_clip_origin(4, 11);
-  EXPECT_EQ(std::make_pair(wide.x, wide.y), std::make_pair(3, 0));
-  EXPECT_EQ(std::make_pair(tall.x, tall.y), std::make_pair(0, 3));
-}
-
-TEST(SquareClip, ReadsTheSquareAtTheOriginAndRefusesOversizedSquares) {
-  TempDir dir;
-  const std::string path = dir.file("mic.mrc");
-  const int nx = 6, ny = 4;
-  std::vector<float> raw(nx * ny);
-  for (int i = 0; i < nx * ny; ++i) raw[i] = static_cast<float>(i);
-  ASSERT_EQ(mrcf_write_xyz_data(path.c_str(), raw.data(), nx, ny, 1), 0);
-  MRC_HEAD head;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  ASSERT_NE(f, nullptr);
-  mrc_read_head(f, &head);
-  std::vector<float> sq(16), want;
-  mrc_read_square_even(f, &head, sq.data(), 4, get_max_square_clip_origin(nx, ny));
-  for (int y = 0; y < 4; ++y) want.insert(want.end(), &raw[y * nx + 1], &raw[y * nx + 5]);
-  EXPECT_EQ(sq, want);
-  EXPECT_EXIT_REPORT(mrc_read_square_even_extend(f, &head, sq.data(), 5, make_int2(0, 0)),
-                     "Can not read micrograph. File Size issue!\n! Exit now!");
-  std::fclose(f);
 }
 
 }  // namespace
