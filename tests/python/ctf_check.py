@@ -7,11 +7,11 @@ Directions: theta is measured from the x axis (columns) toward the y axis (rows)
 
 Usage:
   ctf_check.py zeros HALF.f32 NH NY APIX KV CS AC PS U V ANGLE
-      HALF.f32 is a half array (NH columns, NY rows, zero frequency at row NY / 2) of the sine of the
-      total phase. Along ANGLE and ANGLE + 90 degrees the first five sign changes must lie within
-      one Fourier pixel of the zeros computed here. Prints the largest distance.
+      HALF.f32: a half array (NH columns, NY rows, zero frequency at row NY / 2) of the sine of the
+      total phase, whose first five sign changes along ANGLE and ANGLE + 90 degrees must lie within
+      one Fourier pixel of the zeros computed here.
   ctf_check.py truth STAR
-      For every image of a pickora-ctfsim truth table: the mean defocus and the angle that best
+      For every image of a pickora-ctfsim truth table, the mean defocus and the angle that best
       explain the image's power spectrum, found here by a grid search, must match the truth.
 """
 import sys
@@ -27,35 +27,19 @@ def wavelength_A(kv):
     return H / np.sqrt(2 * M0 * E * v * (1 + E * v / (2 * M0 * C * C))) * 1e10
 
 
-def defocus(theta, u, v, angle_deg):
-    return (u + v) / 2 + (u - v) / 2 * np.cos(2 * (theta - np.radians(angle_deg)))
-
-
-def total_phase(s, theta, kv, cs, ac, ps_deg, u, v, angle_deg):
+def phase_terms(theta, kv, cs, ac, ps_deg, u, v, angle_deg):
+    """The total phase is a s^2 - b s^4 + phi0."""
     lam = wavelength_A(kv)
-    chi = np.pi * lam * defocus(theta, u, v, angle_deg) * s**2 - np.pi / 2 * cs * 1e7 * lam**3 * s**4
-    return chi + np.arctan2(ac, np.sqrt(1 - ac * ac)) + np.radians(ps_deg)
-
-
-def zero_frequencies(k_max, theta, kv, cs, ac, ps_deg, u, v, angle_deg):
-    """s of total phase = k pi, k = 1 .. k_max: the smaller root of a quadratic in s^2."""
-    lam = wavelength_A(kv)
-    a = np.pi * lam * defocus(theta, u, v, angle_deg)
-    b = np.pi / 2 * cs * 1e7 * lam**3
+    defocus = (u + v) / 2 + (u - v) / 2 * np.cos(2 * (theta - np.radians(angle_deg)))
     phi0 = np.arctan2(ac, np.sqrt(1 - ac * ac)) + np.radians(ps_deg)
-    out = []
-    for k in range(1, k_max + 1):
-        c = k * np.pi - phi0
-        s2 = (a - np.sqrt(a * a - 4 * b * c)) / (2 * b)
-        out.append(np.sqrt(s2))
-    return np.array(out)
+    return np.pi * lam * defocus, np.pi / 2 * cs * 1e7 * lam**3, phi0
 
 
-def bilinear(img, row, col):
-    r0, c0 = int(np.floor(row)), int(np.floor(col))
-    fr, fc = row - r0, col - c0
-    return ((1 - fr) * (1 - fc) * img[r0, c0] + (1 - fr) * fc * img[r0, c0 + 1] + fr * (1 - fc) * img[r0 + 1, c0] +
-            fr * fc * img[r0 + 1, c0 + 1])
+def zero_frequencies(k_max, theta, *ctf):
+    """s of total phase = k pi, k = 1 .. k_max: the smaller root of a quadratic in s^2."""
+    a, b, phi0 = phase_terms(theta, *ctf)
+    c = np.arange(1, k_max + 1) * np.pi - phi0
+    return np.sqrt((a - np.sqrt(a * a - 4 * b * c)) / (2 * b))
 
 
 def sign_changes_on_ray(half, theta, count):
@@ -65,7 +49,11 @@ def sign_changes_on_ray(half, theta, count):
         cx, sy = -cx, -sy
     radii, prev_r, prev_v = [], 0.0, half[ny // 2, 0]
     for r in np.arange(0.05, min(nh - 2, ny // 2 - 2), 0.05):
-        v = bilinear(half, ny // 2 + r * sy, r * cx)
+        row, col = ny // 2 + r * sy, r * cx  # bilinear interpolation
+        r0, c0 = int(np.floor(row)), int(np.floor(col))
+        fr, fc = row - r0, col - c0
+        v = (1 - fr) * ((1 - fc) * half[r0, c0] + fc * half[r0, c0 + 1]) + fr * ((1 - fc) * half[r0 + 1, c0] +
+                                                                                fc * half[r0 + 1, c0 + 1])
         if (v < 0) != (prev_v < 0):
             radii.append(prev_r + (r - prev_r) * prev_v / (prev_v - v))
             if len(radii) == count:
@@ -103,34 +91,18 @@ def read_truth(path):
 def power_spectrum(image, box):
     """Mean periodogram of half-overlapping tiles, zero frequency at row box / 2 (half columns)."""
     ny, nx = image.shape
-    total, count = np.zeros((box, box // 2 + 1)), 0
-    for y in range(0, ny - box + 1, box // 2):
-        for x in range(0, nx - box + 1, box // 2):
-            tile = image[y:y + box, x:x + box]
-            total += np.abs(np.fft.rfft2(tile - tile.mean()))**2
-            count += 1
-    return np.fft.fftshift(total / count, axes=0)
+    step = box // 2
+    tiles = [image[y:y + box, x:x + box] for y in range(0, ny - box + 1, step) for x in range(0, nx - box + 1, step)]
+    return np.fft.fftshift(np.mean([np.abs(np.fft.rfft2(t - t.mean()))**2 for t in tiles], axis=0), axes=0)
 
 
 def flattened(power, radius, band):
     """Power in the band over a smooth radial background: a cubic in the radius fitted to the logarithm of
     the mean power of each one-pixel ring in the band (the rings of the CTF average out)."""
     rings = radius.astype(int)
-    counts = np.maximum(np.bincount(rings.ravel()), 1)
-    mean = np.bincount(rings.ravel(), power.ravel()) / counts
+    mean = np.bincount(rings.ravel(), power.ravel()) / np.maximum(np.bincount(rings.ravel()), 1)
     used = np.unique(rings[band])
-    coef = np.polyfit(used, np.log(mean[used]), 3)
-    return power[band] / np.exp(np.polyval(coef, radius[band]))
-
-
-def correlation(a, b):
-    a, b = a - a.mean(), b - b.mean()
-    return float(np.sum(a * b) / np.sqrt(np.sum(a * a) * np.sum(b * b)))
-
-
-def best_of(values, score):
-    scores = [score(x) for x in values]
-    return values[int(np.argmax(scores))]
+    return power[band] / np.exp(np.polyval(np.polyfit(used, np.log(mean[used]), 3), radius[band]))
 
 
 def check_truth(star):
@@ -140,29 +112,30 @@ def check_truth(star):
             image = np.asarray(f.data, dtype=np.float64)
         if image.ndim == 3:
             image = image.sum(axis=0)
-        apix = float(row["_rlnMicrographPixelSize"])
-        kv, cs, ac = (float(row[k]) for k in ("_rlnVoltage", "_rlnSphericalAberration", "_rlnAmplitudeContrast"))
-        u, v, angle = (float(row[k]) for k in ("_rlnDefocusU", "_rlnDefocusV", "_rlnDefocusAngle"))
-        ps = float(row["_rlnPhaseShift"])
+        apix, kv, cs, ac, u, v, angle, ps = (float(row["_rln" + k]) for k in (
+            "MicrographPixelSize", "Voltage", "SphericalAberration", "AmplitudeContrast", "DefocusU", "DefocusV",
+            "DefocusAngle", "PhaseShift"))
         box = min(512, image.shape[0], image.shape[1])
-        power = power_spectrum(image, box)
         fy = (np.arange(box) - box // 2)[:, None] / box
         fx = np.arange(box // 2 + 1)[None, :] / box
         s, theta = np.hypot(fx, fy) / apix, np.arctan2(fy, np.broadcast_to(fx, (box, box // 2 + 1)))
         band = (s >= 1 / 40.0) & (s <= 1 / 8.0)
-        p = flattened(power, np.hypot(fx, fy) * box, band)
+        p = flattened(power_spectrum(image, box), np.hypot(fx, fy) * box, band)
         s, theta = s[band], theta[band]
 
-        def score(mean, ang, astig=u - v):
-            model = np.sin(total_phase(s, theta, kv, cs, ac, ps, mean + astig / 2, mean - astig / 2, ang))**2
-            return correlation(p, model)
+        def score(mean, ang):
+            a, b, phi0 = phase_terms(theta, kv, cs, ac, ps, mean + (u - v) / 2, mean - (u - v) / 2, ang)
+            return np.corrcoef(p, np.sin(a * s**2 - b * s**4 + phi0)**2)[0, 1]
+
+        def best(values, score_of):
+            return values[int(np.argmax([score_of(x) for x in values]))]
 
         mean = (u + v) / 2
-        found = best_of(list(mean * np.arange(0.7, 1.3, 0.0025)), lambda d: score(d, angle))
+        found = best(mean * np.arange(0.7, 1.3, 0.0025), lambda d: score(d, angle))
         ok = abs(found - mean) <= 0.01 * mean
         line = f"{row['_rlnMicrographName']}: mean defocus {mean:.0f}, found {found:.0f}"
         if u - v >= 500:
-            found_angle = best_of(list(angle + np.arange(-90.0, 90.0, 1.0)), lambda a: score(mean, a))
+            found_angle = best(angle + np.arange(-90.0, 90.0, 1.0), lambda a: score(mean, a))
             ok = ok and abs(found_angle - angle) <= 5.0
             line += f"; angle {angle:.1f}, found {found_angle:.1f}"
         print(line + ("" if ok else "  MISMATCH"))
