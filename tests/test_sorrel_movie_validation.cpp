@@ -27,64 +27,45 @@ namespace {
 // One simulated image or movie: 512 x 512 at 1 A, U 12300, V 11700, angle 30, signal strong
 // enough that 256-pixel tiles of a 7-frame span still show the rings to 5 A.
 constexpr float kU = 12300.0f, kV = 11700.0f, kA = 30.0f, kApix = 1.0f, kKv = 300.0f, kCs = 2.7f, kAc = 0.1f;
-constexpr int kSize = 512, kBox = 256, kStep = 128, kConv = 21;
+constexpr int kSize = 512;
 
-std::string simulate(const TempDir& dir, const std::string& extra) {
+// Simulates into dir/sim and returns the first image or movie, with its number of frames in nz.
+std::vector<float> simulate(const TempDir& dir, const std::string& extra, const std::string& name, int& nz) {
   std::string out;
-  const std::string cmd = "cd '" + dir.path() + "' && " + std::string(PICKORA_BIN_DIR) +
-                          "/pickora-ctfsim --out sim --n 1 --size 512 --apix 1.0 --defocus 12000 --astig 600 "
-                          "--angle 30 --bfac 50 --snr 1 --seed 5" +
-                          extra;
-  EXPECT_EQ(run_command(cmd, out), 0) << out;
-  return out;
-}
-
-std::vector<float> read_stack(const std::string& path, int& nz) {
+  EXPECT_EQ(run_command("cd '" + dir.path() + "' && " + PICKORA_BIN_DIR + "/pickora-ctfsim --out sim --n 1 --size 512"
+                            " --apix 1.0 --defocus 12000 --astig 600 --angle 30 --bfac 50 --snr 1 --seed 5" + extra,
+                        out),
+            0)
+      << out;
   int nx = 0, ny = 0;
-  EXPECT_EQ(get_mrcf_xyz(nx, ny, nz, path.c_str()), 0);
+  EXPECT_EQ(get_mrcf_xyz(nx, ny, nz, dir.file(name).c_str()), 0);
   EXPECT_EQ(nx, kSize);
   std::vector<float> data(static_cast<size_t>(nx) * ny * nz);
-  EXPECT_EQ(mrcf_read_all(path.c_str(), data.data()), 0);
+  EXPECT_EQ(mrcf_read_all(dir.file(name).c_str(), data.data()), 0);
   return data;
-}
-
-// The background-subtracted spectrum of 128-pixel tiles of one image, as the search takes it,
-// on the device.
-struct DeviceSpectrum {
-  static constexpr int kTile = 128;
-  unsigned nh = kTile / 2 + 1, ny = kTile;
-  float *sub = nullptr, *work = nullptr;
-  explicit DeviceSpectrum(const std::vector<float>& image) {
-    float* d_image = to_device(image);
-    sub = device_zeros<float>(nh * ny), work = device_zeros<float>(nh * ny);
-    hcuda_2d_gridfft_r2c_amp_ave_log_subbg(d_image, sub, kSize, kSize, kTile, kTile, kTile / 2, 11);
-    cudaFree(d_image);
-  }
-  ~DeviceSpectrum() { cudaFree(sub), cudaFree(work); }
-};
-
-// The validation image: 1.5 A per pixel (bands 0 to 3) and U 8300, V 7700, whose rings 128-pixel
-// tiles still sample at 4 A.
-constexpr float kValApix = 1.5f, kValU = 8300.0f, kValV = 7700.0f;
-
-std::vector<CtfValidationBand> validate(const DeviceSpectrum& s, float U, float V, std::string& printed, float& mean,
-                                        float apix = kValApix) {
-  std::vector<CtfValidationBand> bands;
-  testing::internal::CaptureStdout();
-  ctf_validation(s.sub, s.work, apix, s.nh, s.ny, kKv, kCs, kAc, 0.0f, U, V, kA, 50.0f, nullptr, &bands, &mean);
-  printed = testing::internal::GetCapturedStdout();
-  return bands;
 }
 
 TEST(CtfValidation, TruthGradesWellAndTwiceTheToleranceGradesBadlyInEveryBand) {
   random_source_set_seed(11);
   TempDir dir;
-  simulate(dir, " --apix 1.5 --defocus 8000");
   int nz = 0;
-  const DeviceSpectrum s(read_stack(dir.file("sim/mic_0000.mrc"), nz));
+  // At 1.5 A per pixel (bands 0 to 3) and U 8300, V 7700, whose rings 128-pixel tiles still
+  // sample at 4 A: the background-subtracted spectrum of the tiles, as the search takes it.
+  const std::vector<float> image = simulate(dir, " --apix 1.5 --defocus 8000", "sim/mic_0000.mrc", nz);
+  const unsigned nh = 65, ny = 128;
+  float *d_image = to_device(image), *sub = device_zeros<float>(nh * ny), *work = device_zeros<float>(nh * ny);
+  const DeviceFrees frees(d_image, sub, work);
+  hcuda_2d_gridfft_r2c_amp_ave_log_subbg(d_image, sub, kSize, kSize, 128, 128, 64, 11);
   std::string printed;
   float mean = 0.0f;
-  const std::vector<CtfValidationBand> truth = validate(s, kValU, kValV, printed, mean);
+  const auto validate = [&](float U, float V, float apix = 1.5f) {
+    std::vector<CtfValidationBand> bands;
+    testing::internal::CaptureStdout();
+    ctf_validation(sub, work, apix, nh, ny, kKv, kCs, kAc, 0.0f, U, V, kA, 50.0f, nullptr, &bands, &mean);
+    printed = testing::internal::GetCapturedStdout();
+    return bands;
+  };
+  const std::vector<CtfValidationBand> truth = validate(8300.0f, 7700.0f);
   ASSERT_EQ(truth.size(), 4u) << printed;  // band 4's high limit, 3 A, is not above 2 pixel sizes
   int sum = 0;
   for (const CtfValidationBand& b : truth) {
@@ -98,42 +79,32 @@ TEST(CtfValidation, TruthGradesWellAndTwiceTheToleranceGradesBadlyInEveryBand) {
   // tolerance, 1600 A, is a fifth of this defocus, 20 to 8 A holds two rings here, and from
   // 3200 A off its search settles on a neighbouring maximum about 1050 A from the start
   // (measured), which grades GOOD.
-  for (size_t k = 1; k < truth.size(); ++k) {
+  for (size_t k = 1; k < truth.size(); ++k)
     for (const float sign : {-1.0f, 1.0f}) {
       SCOPED_TRACE("band " + std::to_string(k) + " moved by " + std::to_string(sign) + " x 2T");
       const float moved = sign * 2.0f * truth[k].tolerance;
-      const std::vector<CtfValidationBand> off = validate(s, kValU + moved, kValV + moved, printed, mean);
+      const std::vector<CtfValidationBand> off = validate(8300.0f + moved, 7700.0f + moved);
       ASSERT_GT(off.size(), k);
       EXPECT_LE(off[k].grade, 2) << printed;
       EXPECT_GE(off[k].drift, truth[k].tolerance) << printed;
     }
-  }
   // At 4 A per pixel no band is resolvable: nothing is graded and there is no mean.
-  EXPECT_TRUE(validate(s, kValU, kValV, printed, mean, 4.0f).empty());
+  EXPECT_TRUE(validate(8300.0f, 7700.0f, 4.0f).empty());
   EXPECT_EQ(mean, 0.0f);
   EXPECT_NE(printed.find("no band could be graded"), std::string::npos) << printed;
-}
-
-// The least-squares line of y over x, in double, for the check of the fitted table.
-void line(const std::vector<double>& x, const std::vector<double>& y, double& slope, double& icpt) {
-  double mx = 0, my = 0, sxy = 0, sxx = 0;
-  for (size_t i = 0; i < x.size(); ++i) mx += x[i] / x.size(), my += y[i] / y.size();
-  for (size_t i = 0; i < x.size(); ++i) sxy += (x[i] - mx) * (y[i] - my), sxx += (x[i] - mx) * (x[i] - mx);
-  slope = sxy / sxx, icpt = my - slope * mx;
 }
 
 TEST(CtfMovieStack, LinearDefocusDriftOverTwentyFramesComesBack) {
   random_source_set_seed(12);
   TempDir dir;
   const float drift = 100.0f;  // A per frame; frame f sits at 12000 + (f - 9.5) drift
-  simulate(dir, " --frames 20 --drift_def 100");
   int nz = 0;
-  const std::vector<float> stack = read_stack(dir.file("sim/mic_0000.mrcs"), nz);
+  const std::vector<float> stack = simulate(dir, " --frames 20 --drift_def 100", "sim/mic_0000.mrcs", nz);
   ASSERT_EQ(nz, 20);
   MovieStackValues v;
   testing::internal::CaptureStdout();
-  const int positions = ctf_movie_stack_refine(stack.data(), kSize, kSize, nz, kApix, kBox, kStep, kConv, kKv, kCs, kAc,
-                                               0.0f, kU, kV, kA, 50.0f, 30.0f, 5.0f, nullptr, 1, 7, 1, 0,
+  const int positions = ctf_movie_stack_refine(stack.data(), kSize, kSize, nz, kApix, 256, 128, 21, kKv, kCs, kAc, 0.0f,
+                                               kU, kV, kA, 50.0f, 30.0f, 5.0f, nullptr, 1, 7, 1, 0,
                                                CTF_REF_CONTROL{0, 500.0f}, &v);
   const std::string printed = testing::internal::GetCapturedStdout();
   EXPECT_EQ(positions, 14);
@@ -144,20 +115,18 @@ TEST(CtfMovieStack, LinearDefocusDriftOverTwentyFramesComesBack) {
     EXPECT_NEAR((v.U[p] + v.V[p]) / 2.0f, 12000.0f + (p - 9.5f) * drift, 60.0f) << "position " << p;
     EXPECT_NEAR(v.U[p] - v.V[p], kU - kV, 0.1f);
   }
-  // The fit: an independent least-squares line over the 13 values from index 3.
+  // The fit against an independent least-squares line, in double, over the 13 values from index 3.
   ASSERT_EQ(v.fitU.size(), 20u);
-  std::vector<double> x, y;
-  for (int p = 3; p < 16; ++p) x.push_back(p), y.push_back(v.U[p]);
-  double slope = 0, icpt = 0;
-  line(x, y, slope, icpt);
-  for (int i = 0; i < nz; i += 19) EXPECT_NEAR(v.fitU[i], icpt + slope * i, 0.05) << "frame " << i;
+  double mx = 9.0, my = 0, sxy = 0, sxx = 0;
+  for (int p = 3; p < 16; ++p) my += v.U[p] / 13.0;
+  for (int p = 3; p < 16; ++p) sxy += (p - mx) * (v.U[p] - my), sxx += (p - mx) * (p - mx);
+  for (int i : {0, 19}) EXPECT_NEAR(v.fitU[i], my + sxy / sxx * (i - mx), 0.05) << "frame " << i;
   EXPECT_NEAR((v.fitU[19] - v.fitU[0]) / 19.0f, drift, 0.2f * drift);
   EXPECT_NEAR((v.fitV[19] - v.fitV[0]) / 19.0f, drift, 0.2f * drift);
   EXPECT_NE(printed.find(" STACK CTF Value 20\n"), std::string::npos);  // fitted table numbers frames from 1
 }
 
-// The sorrel command on a movie: validation and movie rows in the log, and the micrograph's own
-// results (summary row, phase-flipped sum) exactly those of a run without them.
+// The sorrel command in this process, in the folder of the run, with the random source fixed.
 int run_sorrel(const TempDir& dir, const std::string& args, std::string& out) {
   std::vector<std::string> words{"sorrel"};
   std::istringstream in(args);
@@ -168,11 +137,7 @@ int run_sorrel(const TempDir& dir, const std::string& args, std::string& out) {
   if (!getcwd(here, sizeof(here)) || chdir(dir.path().c_str()) != 0) return -1;
   random_source_set_seed(7);
   testing::internal::CaptureStdout();
-  int status;
-  {
-    SORREL_A s;
-    status = s.sorrel_run_all(static_cast<int>(words.size()), argv.data());
-  }
+  int status = SORREL_A().sorrel_run_all(static_cast<int>(words.size()), argv.data());
   out = testing::internal::GetCapturedStdout();
   return chdir(here) == 0 ? status : -1;
 }
@@ -183,21 +148,20 @@ size_t count(const std::string& text, const std::string& what) {
   return n;
 }
 
+// On a movie: validation and movie rows in the log, and the micrograph's own results (summary
+// row, phase-flipped sum) exactly those of a run without them.
 TEST(CtfMovieStack, SorrelRunWritesBothAndKeepsTheMicrographResults) {
   TempDir dir;
-  simulate(dir, " --frames 20 --drift_def 100");
-  const std::string common =
-      " --apix 1.0 --boxsize 256 --convsize 21 --convs_out 36 --defA_seeds 6 --do_phase_flip 1 --mdef_ave_type 1 ";
+  int nz = 0;
+  simulate(dir, " --frames 20 --drift_def 100", "sim/mic_0000.mrcs", nz);
+  const std::string common = " --apix 1.0 --boxsize 256 --convsize 21 --convs_out 36 --defA_seeds 6 --do_phase_flip 1"
+                             " --mdef_ave_type 1 ";
   std::string out;
   ASSERT_EQ(run_sorrel(dir, common + "--ctfstar plain.star sim/mic_0000.mrcs", out), 0) << out;
   const std::string plain_pf = read_file_text(dir.file("sim/mic_0000_pf.mrc"));
-  const std::string plain_log = read_file_text(dir.file("sim/mic_0000_sorrel.log"));
-  EXPECT_EQ(count(plain_log, "VALIDATION_SCORE"), 0u);
-  ASSERT_EQ(run_sorrel(dir,
-                       common + "--do_validation 1 --do_mdef_refine 1 --mdef_fit 1 --ctfstar both.star "
-                                "sim/mic_0000.mrcs",
-                       out),
-            0)
+  EXPECT_EQ(count(read_file_text(dir.file("sim/mic_0000_sorrel.log")), "VALIDATION_SCORE"), 0u);
+  ASSERT_EQ(run_sorrel(dir, common + "--do_validation 1 --do_mdef_refine 1 --mdef_fit 1 --ctfstar both.star "
+                                     "sim/mic_0000.mrcs", out), 0)
       << out;
   const std::string log = read_file_text(dir.file("sim/mic_0000_sorrel.log"));
   EXPECT_EQ(count(log, "VALIDATION_SCORE: "), 5u) << log;
@@ -213,53 +177,9 @@ TEST(CtfMovieStack, SorrelRunWritesBothAndKeepsTheMicrographResults) {
   EXPECT_EQ(out.find("Final Values"), std::string::npos);
 }
 
-TEST(CtfLocalRefine, ParticlesFollowTheTruthAndOutsideOnesKeepTheMicrographValues) {
-  random_source_set_seed(13);
-  TempDir dir;
-  simulate(dir, "");
-  int nz = 0;
-  const std::vector<float> image = read_stack(dir.file("sim/mic_0000.mrc"), nz);
-  // Corners of 256-pixel boxes: centres (256, 256), (200, 300), and one far outside the image.
-  write_file_text(dir.file("sim/mic_0000.box"), "128 128 256 256\n72 172 256 256\n5000 5000 256 256\n");
-  CtfLocalOptions o{kApix, kKv, kCs, kAc, 0.0f, kU - 400.0f, kV - 400.0f, kA, 14.0f, 1, ".box", 256, 0.5f, 128.0f,
-                    50.0f, 30.0f, 5.0f, 100.0f, 100.0f, 5.0f, 0};
-  const std::string mic = dir.file("sim/mic_0000.mrc");
-  testing::internal::CaptureStdout();
-  const int n = ctf_local_refine(mic.c_str(), "_local.star", image.data(), kSize, kSize, o, nullptr);
-  const std::string printed = testing::internal::GetCapturedStdout();
-  ASSERT_EQ(n, 3) << printed;
-  std::istringstream star(read_file_text(dir.file("sim/mic_0000_local.star")));
-  std::vector<std::vector<double>> rows;
-  for (std::string l; std::getline(star, l);) {
-    if (l.find(mic) != 0) continue;
-    std::istringstream w(l.substr(mic.size()));
-    std::vector<double> v(13);
-    for (double& x : v) w >> x;
-    rows.push_back(v);
-  }
-  ASSERT_EQ(rows.size(), 3u) << printed;
-  for (int i = 0; i < 2; ++i) {  // X Y kV U V A ...: 400 A off at the start, the mean comes back
-    EXPECT_NEAR((rows[i][3] + rows[i][4]) / 2.0, 12000.0, 60.0) << printed;
-    EXPECT_NEAR(rows[i][3] - rows[i][4], kU - kV, 0.1);
-  }
-  EXPECT_EQ(rows[1][0], 200.0);
-  EXPECT_EQ(rows[1][1], 300.0);
-  EXPECT_FLOAT_EQ(rows[2][3], kU - 400.0f);
-  EXPECT_NE(printed.find("  Local Values0\n"), std::string::npos);
-  for (const int type : {2, 3, 0}) {
-    o.boxtype = type;
-    EXPECT_EXIT_REPORT(ctf_local_refine(mic.c_str(), "_local.star", image.data(), kSize, kSize, o, nullptr),
-                       type == 2 ? "GIVENBOX unsupported" : type == 3 ? "AUTOGRID unsupported" : "unrecognized");
-  }
-  o.boxtype = 1, o.boxsuffix = ".missing";
-  EXPECT_EXIT_REPORT(ctf_local_refine(mic.c_str(), "_local.star", image.data(), kSize, kSize, o, nullptr),
-                     "does not exist or is not readable");
-}
-
 TEST(CtfMovieStack, SpansAndFitsThatCannotWork) {
   const int n = 128, nz = 20;
-  std::vector<float> noise = random_image(static_cast<size_t>(n) * n * nz, 9);
-  std::vector<float> blank(noise.size(), 2.0f);
+  const std::vector<float> noise = random_image(static_cast<size_t>(n) * n * nz, 9), blank(noise.size(), 2.0f);
   struct Row {
     const char* what;
     bool blank;
@@ -269,7 +189,6 @@ TEST(CtfMovieStack, SpansAndFitsThatCannotWork) {
     const char* says;  // printed when the call returns
   } rows[] = {
       {"span 0", false, 128, 0, 0, 1, "at least 1 frame", 0, nullptr},
-      {"negative span", false, 128, -3, 1, 1, "at least 1 frame", 0, nullptr},
       {"tile larger than a frame", false, 256, 7, 0, 1, "does not fit in frames of 128 x 128", 0, nullptr},
       {"span longer than the stack", false, 128, 21, 1, 1, nullptr, 0, "longer than the stack of 20"},
       {"one position, no value to fit", false, 128, 20, 1, 1, nullptr, 1, "needs at least 2 values, 0 here"},
@@ -283,9 +202,9 @@ TEST(CtfMovieStack, SpansAndFitsThatCannotWork) {
     SCOPED_TRACE(r.what);
     MovieStackValues v;
     const auto call = [&]() {
-      return ctf_movie_stack_refine((r.blank ? blank : noise).data(), n, n, nz, 2.0f, r.box, 64, 10, kKv, kCs, kAc, 0.0f, 15000.0f,
-                                    14000.0f, 20.0f, 100.0f, 30.0f, 6.0f, nullptr, r.ave_type, r.span, r.fit, 1,
-                                    CTF_REF_CONTROL{0, 500.0f}, &v);
+      return ctf_movie_stack_refine((r.blank ? blank : noise).data(), n, n, nz, 2.0f, r.box, 64, 10, kKv, kCs, kAc,
+                                    0.0f, 15000.0f, 14000.0f, 20.0f, 100.0f, 30.0f, 6.0f, nullptr, r.ave_type, r.span,
+                                    r.fit, 1, CTF_REF_CONTROL{0, 500.0f}, &v);
     };
     if (r.fatal != nullptr) {
       EXPECT_EXIT_REPORT(call(), r.fatal);
