@@ -54,11 +54,21 @@ TEST(AtomicFile, FinalNameAppearsOnlyOnCommitAndAnAbandonedFileLeavesTheOlderOne
   EXPECT_EQ(names_in(dir.path()), std::vector<std::string>{"out.box"});
 }
 
-// A file size limit makes the kernel refuse writes past it: a full disk, injected.
+// A file size limit makes the kernel refuse writes past it: a full disk, injected. Only the soft
+// limit is lowered, and put back on the way out, so that later tests in this process can write.
+struct FileSizeLimit {
+  rlimit before{};
+  explicit FileSizeLimit(rlim_t bytes) {
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit lower{bytes, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &lower);
+  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before); }
+};
+
 void write_past_a_size_limit(const std::string& name, bool through_fputs) {
   signal(SIGXFSZ, SIG_IGN);
-  rlimit limit{4096, 4096};
-  setrlimit(RLIMIT_FSIZE, &limit);
+  FileSizeLimit limit(4096);
   AtomicFile f(name.c_str());
   const std::string block(10000, 'x');
   if (through_fputs)
