@@ -141,8 +141,6 @@ TEST(DoseAverage, OneFrameStepsAndWeightMapsAgreeWithTheAverage) {
 // The terms themselves are checked through the averages above; here, what those cannot reach.
 TEST(Weights, TermsTableAndRefusals) {
   EXPECT_EQ(hd_drift_weight(0.3f, 1.0f, 1.3f, 0.0f, 0.0f, 1.0f, 0.3f), 1.0f);  // no drift: a zero argument
-  EXPECT_EQ(hd_drift_wsign(0.4f, 0.0f, 1.0f, 1.6f, 0.0f, 1.0f, 0.0f), -1.0f);  // argument past pi
-  EXPECT_EQ(hd_drift_wsign(0.1f, 0.0f, 1.0f, 1.6f, 0.0f, 1.0f, 0.0f), 1.0f);
   const int kv[] = {100, 120, 200, 250, 300, 400};
   const float factor[] = {0.68f, 0.75f, 1.0f, 1.0f, 1.22f, 1.33f};
   for (int i = 0; i < 6; ++i) EXPECT_FLOAT_EQ(eq_dose(3.0f, kv[i]), 3.0f / factor[i]) << kv[i];

@@ -11,14 +11,10 @@
 #include "cuda_general/cuda_general.h"
 #include "mrcfile/mrcfile.h"
 #include "pickora56/matching.h"
-#include "process2d_core/ccc.h"
-#include "process2d_core/flip.h"
 #include "process2d_core/half_fourier_2dh.h"
-#include "process2d_core/unique_peak.h"
 #include "process2d_mrc/process2d_mrc.h"
 #include "process2d_mrcs/process2d_mrcs.h"
 #include "process2d_raw/box_ops.h"
-#include "process2d_raw/projection.h"
 #include "process2d_raw/resample.h"
 #include "support/device_data.h"
 #include "support/exit_report.h"
@@ -143,31 +139,6 @@ TEST(Resample, RotationCommandsMatchNumpy) {
   python_check("rotation", dir);
 }
 
-TEST(ArcAverage, ZeroRangeGivesZeroAndTheSignOfTheRangeDoesNotMatter) {
-  const unsigned nx = 21, ny = 17;
-  const std::vector<float> a = positive_image(nx * ny, 7);
-  auto arc = [&](const std::vector<float>& in, float degrees) {
-    return dev(in, hcuda_2d_rotate_ave_anycenter, nx, ny, 10.0f, 8.0f, degrees);
-  };
-  EXPECT_EQ(arc(a, 0.0f), std::vector<float>(nx * ny, 0.0f));
-  EXPECT_EQ(arc(a, 25.0f), arc(a, -25.0f));
-  // A constant image keeps its value wherever the whole arc lies inside, and radius 1 gives 0.
-  const auto flat = arc(std::vector<float>(nx * ny, 3.0f), 25.0f);
-  EXPECT_EQ(flat[8 * nx + 10], 0.0f);
-  EXPECT_EQ(flat[8 * nx + 11], 0.0f);
-  EXPECT_NEAR(flat[8 * nx + 15], 3.0f, 1e-4f);
-  EXPECT_NEAR(flat[12 * nx + 13], 3.0f, 1e-4f);
-  // On a ramp v = x the bilinear sample is exact, so the arc mean is the mean of cx + dx cos t
-  // over the samples t = -A, -A + 1/rho, ... below A.
-  std::vector<float> ramp(nx * ny);
-  for (unsigned i = 0; i < nx * ny; ++i) ramp[i] = static_cast<float>(i % nx);
-  const double A = 25.0 * 3.14159265358979 / 180.0, rho = 5.0;
-  double sum = 0.0, count = 0.0;
-  for (double t = -A; t < A; t += 1.0 / rho, count += 1.0) sum += 10.0 + rho * std::cos(t);
-  EXPECT_NEAR(arc(ramp, 25.0f)[8 * nx + 15], sum / count, 1e-4);
-  EXPECT_EXIT_REPORT(arc(a, INFINITY), "arc average must be a finite angle");
-}
-
 TEST(Projection, RectangleSumsMatchNumpyOnBothBackends) {
   TempDir dir;
   const std::vector<float> image = positive_image(23 * 19, 8);
@@ -185,61 +156,6 @@ TEST(Projection, RectangleSumsMatchNumpyOnBothBackends) {
     mrcf_2d_project_local_rect(dir.file(name + ".mrc").c_str(), dir.file("in.mrc").c_str(), n1, n2, degrees, cx, cy,
                                direction, gid);
   python_check("projections", dir);
-}
-
-TEST(Projection, ManyAnglesAreRowsOfSingleProjectionsAndSquareIsDirectionOne) {
-  const unsigned nx = 17, ny = 12, side = 12;
-  const std::vector<float> image = random_image(nx * ny, 9), angles = {0.0f, 33.0f, 90.0f, 151.0f};
-  std::vector<float> many(nx * 4), one(nx), host(side);
-  gpu_2d_project_many(many.data(), angles.data(), 4, image.data(), nx, ny, 8.0f, 5.5f, -1);
-  for (int k = 0; k < 4; ++k) {
-    cpu_2d_project(one.data(), image.data(), nx, ny, 8.0f, 5.5f, angles[k], -1);
-    for (unsigned i = 0; i < nx; ++i) ASSERT_NEAR(many[k * nx + i], one[i], 1e-5f) << k << "," << i;
-  }
-  const std::vector<float> square(image.begin(), image.begin() + side * side);
-  cpu_2d_project_square(host.data(), square.data(), side, 33.0f);
-  auto dev = [&](int direction) {
-    return on_device(square, side,
-                     [&](const float* s, float* o) { hcuda_2d_project_square(o, s, side, 33.0f, direction); });
-  };
-  const auto dev1 = dev(1);
-  for (unsigned i = 0; i < side; ++i) EXPECT_NEAR(dev1[i], host[i], 1e-5f);
-  EXPECT_NE(dev(-1), dev1);
-}
-
-TEST(BoxStd, ThreeIsATwoByTwoBoxAndAConstantImageHasNoDeviation) {
-  const unsigned nx = 6, ny = 5;
-  const std::vector<float> a = random_image(nx * ny, 10);
-  const auto out = dev(a, hcuda_2d_std_by_box, nx, ny, 3, 3);
-  for (unsigned y = 0; y < ny; ++y)
-    for (unsigned x = 0; x < nx; ++x) {
-      double sum = 0.0, squares = 0.0, count = 0.0;  // the 2 x 2 box reaching back, clipped at the edges
-      for (unsigned j = y > 0 ? y - 1 : 0; j <= y; ++j)
-        for (unsigned i = x > 0 ? x - 1 : 0; i <= x; ++i, count += 1.0)
-          sum += a[j * nx + i], squares += double(a[j * nx + i]) * a[j * nx + i];
-      EXPECT_NEAR(out[y * nx + x], std::sqrt(squares - sum * sum / count) / count, 1e-6) << x << "," << y;
-    }
-  const std::vector<float> flat(nx * ny, 2.75f);
-  EXPECT_EQ(dev(flat, hcuda_2d_std_by_box, nx, ny, 4, 5), std::vector<float>(nx * ny, 0.0f));
-  EXPECT_EXIT_REPORT(dev(a, hcuda_2d_std_by_box, nx, ny, 1, 3), "A box of 1 x 3 pixels holds no pixel");
-}
-
-TEST(LogSubBg, LogarithmLessItsBoxMean) {
-  const unsigned nx = 9, ny = 7;
-  const std::vector<float> a = positive_image(nx * ny, 11);
-  const auto out = dev_in_place(a, hcuda_2d_log_subbg_boxconv_inplace, nx, ny, 4);
-  for (unsigned y = 0; y < ny; ++y)
-    for (unsigned x = 0; x < nx; ++x) {
-      double sum = 0.0, count = 0.0;
-      for (unsigned j = y >= 2 ? y - 2 : 0; j < std::min(ny, y + 2); ++j)
-        for (unsigned i = x >= 2 ? x - 2 : 0; i < std::min(nx, x + 2); ++i, count += 1.0)
-          sum += std::log(a[j * nx + i]);
-      EXPECT_NEAR(out[y * nx + x], std::log(a[y * nx + x]) - sum / count, 2e-6) << x << "," << y;
-    }
-  std::vector<float> bad = a;
-  bad[17] = 0.0f;
-  EXPECT_EXIT_REPORT(dev_in_place(bad, hcuda_2d_log_subbg_boxconv_inplace, nx, ny, 4),
-                     "1 of 63 pixels are not positive");
 }
 
 // The replacement value itself is checked against numpy below; here, what is left alone: a
@@ -283,36 +199,6 @@ TEST(Flip, SevenModesAndTheSwapsMatchNumpy) {
                        "flip_mode must be an integer in \\{0,1,3,4,5,6,7\\}! Exit now!");
 }
 
-TEST(Flip, SingleImageFormsAreTheirModesAndSwapStaysInside) {
-  const unsigned nx = 6, ny = 4, n = nx * ny;
-  const std::vector<float> a = random_image(n, 14);
-  auto mode = [&](int m) {
-    return on_device(a, n, [&](const float* s, float* o) { hcuda_2ds_flip(o, s, nx, ny, 1, m); });
-  };
-  EXPECT_EQ(on_device(a, n, [&](const float* s, float* o) { hcuda_2d_flipx(o, s, nx, ny); }), mode(1));
-  EXPECT_EQ(on_device(a, n, [&](const float* s, float* o) { hcuda_2d_flipy(o, s, nx, ny); }), mode(2));
-  EXPECT_EQ(on_device(a, n, [&](const float* s, float* o) { hcuda_2d_flipxy(o, s, nx, ny); }), mode(4));
-  // One element beyond the image must keep its guard value.
-  std::vector<float> want = mode(5);
-  want.push_back(-99.0f);
-  EXPECT_EQ(on_device(a, n + 1, [&](const float* s, float* o) { hcuda_2d_swap_xy(s, o, nx, ny); }), want);
-}
-
-TEST(UniquePeak, FirstOfTheHighestWins) {
-  int x = -1, y = -1;
-  float value = 0.0f;
-  const std::vector<float> flat(12, 4.0f);
-  cpu_2d_get_unique_peak(flat.data(), 4, 3, x, y, value);
-  EXPECT_EQ((std::vector<float>{float(x), float(y), value}), (std::vector<float>{0, 0, 4}));
-  const std::vector<float> stack = {NAN, 1, 2, 9, 0, 9,   // slice 0: NaN first, the first 9 at (3, 0)
-                                    0,   0, 0, 0, 5, 1};  // slice 1: 5 at (1, 1)
-  Pixel p[2];
-  cpu_2ds_get_unique_peak(stack.data(), 4, 3, p, 1);
-  cpu_2ds_get_unique_peak(stack.data() + 6, 3, 2, p + 1, 1);
-  EXPECT_EQ((std::vector<float>{float(p[0].x), float(p[0].y), p[0].value, float(p[1].x), float(p[1].y)}),
-            (std::vector<float>{3, 0, 9, 1, 1}));
-}
-
 TEST(HalfSpectrum, AverageAndLowFrequencyFiltersMatchNumpy) {
   TempDir dir;
   const int nxh = 9, ny = 16;
@@ -332,40 +218,6 @@ TEST(HalfSpectrum, AverageAndLowFrequencyFiltersMatchNumpy) {
   write("smooth_device.mrc", dev_in_place(a, hcuda_2dh_smooth_low_frequency_inplace, nxh, ny, 1.0f, 4.0f), nxh, ny);
   python_check("spectra", dir);
   EXPECT_EXIT_REPORT(cpu_2dh_zero_low_frequency_inplace(zero.data(), nxh, ny, 1.0f, 0.0f), "must both be positive");
-}
-
-// Pearson's coefficient over the places where `mask` is set, in double.
-double pearson(const std::vector<float>& a, const std::vector<float>& b, const std::vector<float>& mask) {
-  double n = 0, sa = 0, sb = 0, ab = 0, aa = 0, bb = 0;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (mask[i] != 0)
-      n += 1, sa += a[i], sb += b[i], ab += double(a[i]) * b[i], aa += double(a[i]) * a[i], bb += double(b[i]) * b[i];
-  return (ab - sa * sb / n) / std::sqrt((aa - sa * sa / n) * (bb - sb * sb / n));
-}
-
-TEST(Correlation, PlainNormalisedAndMaskedFormsAgreeWithDoublePrecision) {
-  const unsigned nx = 33, ny = 21, n = nx * ny;
-  const std::vector<float> a = random_image(n, 16), noise = random_image(n, 17), flat(n, 2.0f), all(n, 1.0f);
-  std::vector<float> b(n), mask_a(n), mask_b(n), both(n);
-  double dot = 0.0;
-  for (unsigned i = 0; i < n; ++i) {
-    b[i] = 0.6f * a[i] + 0.4f * noise[i] + 3.0f;
-    dot += static_cast<double>(a[i]) * b[i];
-    mask_a[i] = (i % nx) < 27 ? 1.0f : 0.0f;
-    mask_b[i] = (i / nx) > 2 ? 1.0f : 0.0f;
-    both[i] = mask_a[i] * mask_b[i];
-  }
-  EXPECT_NEAR(gpu_x2d_ccc(a.data(), b.data(), nx, ny), dot, 1e-5 * std::fabs(dot));
-  EXPECT_NEAR(gpu_x2d_norm_ccc(a.data(), b.data(), nx, ny), pearson(a, b, all), 1e-5);
-  EXPECT_EQ(gpu_x2d_norm_ccc(a.data(), a.data(), nx, ny), 1.0f);
-  EXPECT_EQ(gpu_x2d_norm_ccc(a.data(), flat.data(), nx, ny), 0.0f);
-  const double want = pearson(a, b, both);
-  EXPECT_NEAR(cpu_x2d_ccc_withmask(a.data(), b.data(), both.data(), nx, ny), want, 1e-5);
-  EXPECT_NEAR(cpu_x2d_ccc_with2maskfs(a.data(), b.data(), mask_a.data(), mask_b.data(), nx, ny), want, 1e-5);
-  EXPECT_NEAR(cpu_x2d_ccc_with2maskfs2(a.data(), b.data(), mask_a.data(), mask_b.data(), nx, ny), want, 1e-5);
-  std::vector<float> ca = a, cb = b;
-  EXPECT_NEAR(cpu_x2d_ccc_withmask_inplace(ca.data(), cb.data(), both.data(), nx, ny), want, 1e-5);
-  EXPECT_EQ(ca[n - 1], 0.0f);  // left normalised, with the mask applied
 }
 
 TEST(ImageCommands, OpenFailuresEndTheRunWithoutWaiting) {
