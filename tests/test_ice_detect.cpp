@@ -2,14 +2,14 @@
 // and the whole detection on a synthetic micrograph.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <tuple>
-
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <filesystem>
 #include <random>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "cuda_general/cuda_general.h"
@@ -232,9 +232,9 @@ TEST(IceDetect, BrightAndDarkBlobsRejectTheirCellsOnly) {
         if ((x - b.x) * (x - b.x) + (y - b.y) * (y - b.y) <= 12 * 12) img[y * nx + x] = b.value;
 
   Pickora_Para para{};
-  para.apixM = 1.0f;
-  para.shrink = 1;
-  para.min_dist = 45.3f;  // cells of trunc(1.4142135 * 45.3 / 2) = 32
+  para.apixM = 0.5f;  // not a whole number, so that it can't stand in for the shrink
+  para.shrink = 2;
+  para.min_dist = 45.3f;  // cells of trunc(1.4142135 * 45.3 / (2 * 0.5 * 2)) = 32
   para.lave_radius = 6.0f;
   para.lsigma_radius = 6.0f;
   para.local_soft_edge = 8.0f;
@@ -243,6 +243,7 @@ TEST(IceDetect, BrightAndDarkBlobsRejectTheirCellsOnly) {
   para.lsigma_cutoff = 1.3f;
   para.write_rejected_box = 1;
   para.write_bg_mic = 1;
+  para.write_lsigma_mic = 1;
   ASSERT_EQ(ice_detect_step(&para), step);
 
   TempDir dir;
@@ -279,22 +280,49 @@ TEST(IceDetect, BrightAndDarkBlobsRejectTheirCellsOnly) {
   EXPECT_FALSE(box_text.empty());
   EXPECT_EQ(std::count(box_text.begin(), box_text.end(), '\n') + 6,
             std::count(star_text.begin(), star_text.end(), '\n'));  // the same cells; the head has 6 line ends
-  // Every listed centre is a pixel the grid recorded (shrink 1, origin 0), and the box around it
-  // is one cell wide.
+  // Every recorded pixel off the rim band (half a cell) is listed, at twice its place (shrink 2,
+  // origin 0), with a box one cell wide around it, the cell's average (the dark blob's below
+  // lave_min) and its deviation (never negative).
+  int inside = 0;
+  for (unsigned word : grid)
+    inside += word != 0 && word % nx > step / 2 && word % nx < nx - step / 2 && word / nx > step / 2 &&
+              word / nx < ny - step / 2;
+  int rows_read = 0;
+  float lowest_ave = 0.0f;
   std::istringstream star_rows(star_text), box_rows(box_text);
   for (std::string row; std::getline(star_rows, row);) {
     int x = 0, y = 0;
     if (std::sscanf(row.c_str(), "%d %d", &x, &y) != 2) continue;
-    EXPECT_NE(std::find(grid.begin(), grid.end(), static_cast<unsigned>(y * nx + x)), grid.end()) << row;
+    ++rows_read;
+    EXPECT_NE(std::find(grid.begin(), grid.end(), static_cast<unsigned>(y / 2 * nx + x / 2)), grid.end()) << row;
     std::string box_row;
     ASSERT_TRUE(std::getline(box_rows, box_row));
     int bx = 0, by = 0, w = 0;
-    ASSERT_EQ(std::sscanf(box_row.c_str(), "%d %d %d", &bx, &by, &w), 3);
-    EXPECT_EQ(std::make_tuple(bx, by, w), std::make_tuple(x - step / 2, y - step / 2, step));
+    float ave = 0.0f, sigma = -1.0f;
+    ASSERT_EQ(std::sscanf(box_row.c_str(), "%d %d %d %*d %f %f", &bx, &by, &w, &ave, &sigma), 5);
+    EXPECT_EQ(std::make_tuple(bx, by, w), std::make_tuple(x - step, y - step, 2 * step));
+    EXPECT_GE(sigma, 0.0f) << box_row;
+    lowest_ave = std::min(lowest_ave, ave);
   }
-  int bg_nx = 0, bg_ny = 0;
-  get_mrcf_xy(bg_nx, bg_ny, dir.file("mic_bg.mrc").c_str());
-  EXPECT_EQ(std::make_pair(bg_nx, bg_ny), std::make_pair(nx, ny));
+  EXPECT_EQ(rows_read, inside);
+  EXPECT_LT(lowest_ave, para.lave_min);
+  for (const char* map : {"mic_bg.mrc", "mic_lsigma.mrc"}) {
+    int map_nx = 0, map_ny = 0;
+    get_mrcf_xy(map_nx, map_ny, dir.file(map).c_str());
+    EXPECT_EQ(std::make_pair(map_nx, map_ny), std::make_pair(nx, ny)) << map;
+  }
+
+  // Without the output flags nothing is written; a cell side below 1 is refused.
+  para.write_rejected_box = para.write_bg_mic = para.write_lsigma_mic = 0;
+  const std::string quiet = dir.file("quiet.mrc");
+  EXPECT_EQ(hcuda_2d_ice_detect(d_img, nx, ny, int2{0, 0}, d_grid, quiet.c_str(), &para), 0);
+  for (const char* suffix : {"_rejected.box", "_rejected.star", "_bg.mrc", "_lsigma.mrc"})
+    EXPECT_FALSE(std::filesystem::exists(dir.file(std::string("quiet") + suffix))) << suffix;
+  for (float min_dist : {1.0f, -45.3f}) {
+    para.min_dist = min_dist;
+    EXPECT_EXIT_REPORT(hcuda_2d_ice_detect(d_img, nx, ny, int2{0, 0}, d_grid, quiet.c_str(), &para),
+                       "from --min_dist is not positive");
+  }
   cudaFree(d_img);
   cudaFree(d_grid);
 }
