@@ -90,21 +90,6 @@ TEST(MrcHead, StampIsRepairedOnlyWhenTheThreeLettersAreMissing) {
   EXPECT_NE(testing::internal::GetCapturedStdout().find("Not a valid mrc file head!"), std::string::npos);
 }
 
-TEST(MrcRead, IntegerModesConvert) {
-  TempDir dir;
-  const struct {
-    int mode;
-    std::vector<unsigned char> bytes;
-    std::vector<float> values;
-  } cases[] = {{0, {200, 7}, {200, 7}}, {1, {0xFF, 0xFF, 0x10, 0}, {-1, 16}}, {6, {0xFF, 0xFF, 0x10, 0}, {65535, 16}}};
-  for (const auto& c : cases) {
-    write_file_bytes(dir.file("m.mrc"), mrc_bytes(2, 1, 1, c.mode, c.bytes));
-    std::vector<float> v(2);
-    mrcf_read_slice(dir.file("m.mrc").c_str(), 0, 'Z', v.data());  // either letter case names the axis
-    EXPECT_EQ(v, c.values) << c.mode;
-  }
-}
-
 TEST(MrcRead, SlicesAlongEachAxis) {
   TempDir dir;
   const int nx = 3, ny = 2, nz = 4;
@@ -112,7 +97,7 @@ TEST(MrcRead, SlicesAlongEachAxis) {
   write_file_bytes(dir.file("v.mrc"), mrc_bytes(nx, ny, nz, 2, float_bytes(data)));
   OpenMrc m(dir.file("v.mrc"));
   std::vector<float> out(12, -99.0f);
-  mrc_read_slice(m.f, &m.h, 2, 'z', out.data());
+  mrc_read_slice(m.f, &m.h, 2, 'Z', out.data());  // either letter case names the axis
   for (int i = 0; i < nx * ny; ++i) EXPECT_EQ(out[i], data[2 * nx * ny + i]);
   mrc_read_slice(m.f, &m.h, 1, 'y', out.data());  // nx columns, nz rows
   for (int z = 0; z < nz; ++z)
@@ -228,8 +213,13 @@ TEST(MrcRead, ByteAndDoubleSlices) {
     EXPECT_EQ(std::vector<double>(f.begin(), f.end()), dd) << axis;
   }
   d[0] = -3.0;
-  EXPECT_EQ(mrc_read_slice_double(v.f, &v.h, 0, 'q', d), 0);
+  for (char axis : {'q', '~'}) EXPECT_EQ(mrc_read_slice_double(v.f, &v.h, 0, axis, d), 0);
   EXPECT_EQ(d[0], -3.0);
+  // The byte reader takes modes 0, 1 and 2 only.
+  write_file_bytes(dir.file("u6.mrc"), mrc_bytes(2, 1, 1, 6, {1, 0, 2, 0}));
+  OpenMrc u(dir.file("u6.mrc"));
+  EXPECT_EQ(mrc_read_slice_byte(u.f, &u.h, 0, 'z', b.data()), 0);
+  EXPECT_EQ(b, (std::vector<unsigned char>{255, 127, 0}));
 }
 
 TEST(MrcNames, Suffixes) {
@@ -274,6 +264,7 @@ TEST(MrcRead, CheckedReadersAndDimensionKeywords) {
   } cases[] = {
       {"xy", [](const char* p, float* d) { return mrcf_read_data_check_xy(p, d, 3, 2); }, true},
       {"yx", [](const char* p, float* d) { return mrcf_read_data_check_xy(p, d, 2, 3); }, false},
+      {"x, more rows", [](const char* p, float* d) { return mrcf_read_data_check_xy(p, d, 3, 3); }, false},
       {"xyz", [](const char* p, float* d) { return mrcf_read_data_check_xyz(p, d, 3, 2, 2); }, true},
       {"xyz, nz 1", [](const char* p, float* d) { return mrcf_read_data_check_xyz(p, d, 3, 2, 1); }, false},
       {"xyz, nz -1", [](const char* p, float* d) { return mrcf_read_data_check_xyz(p, d, 3, 2, -1); }, false},
@@ -324,29 +315,6 @@ TEST(MrcHead, SizeQueriesAndComparison) {
                      " +8 +8 +8 +Short +b\\.mrc");
 }
 
-TEST(MrcWrite, RoundTripStatisticsAndExactSize) {
-  TempDir dir;
-  const std::string path = dir.file("w.mrc");
-  write_file_text(path, std::string(5000, 'x'));  // an existing file is replaced
-  auto data = ramp(5 * 3 * 2, 0.5f);
-  mrcf_write_xyz_data(path.c_str(), data.data(), 5, 3, 2);
-  EXPECT_EQ(read_binary_file(path).size(), 1024u + 30u * 4u);
-  MRC_HEAD h;
-  std::vector<float> back(30);
-  mrcf_get_head_data(path.c_str(), &h, back.data());
-  EXPECT_EQ(back, data);
-  float* d = to_device(data);  // device data make the same file
-  mrcf_write_xyz_ddata(dir.file("d.mrc").c_str(), d, 5, 3, 2);
-  cudaFree(d);
-  EXPECT_EQ(read_binary_file(dir.file("d.mrc")), read_binary_file(path));
-
-  float one = 2.75f;
-  mrcf_write_xyz_data(path.c_str(), &one, 1, 1, 1);
-  mrcf_read_head(path.c_str(), &h);
-  EXPECT_EQ(stats(h), (std::vector<float>{one, one, one}));
-  EXPECT_EXIT_REPORT(mrcf_write_xyz_data("/nonexistent-folder/x.mrc", &one, 1, 1, 1), "");
-}
-
 TEST(MrcWrite, HeadFieldSetters) {
   MRC_HEAD h;
   mrc_init_head(&h);
@@ -390,20 +358,24 @@ TEST(MrcWrite, AppendingImages) {
 TEST(MrcWrite, UpdateHeadRecomputesStatistics) {
   TempDir dir;
   const std::string path = dir.file("u.mrc");
-  write_file_bytes(path, mrc_bytes(2, 2, 1, 1, {0xFE, 0xFF, 2, 0, 4, 0, 8, 0}));  // -2, 2, 4, 8
-  testing::internal::CaptureStdout();
-  mrcf_update_head(path.c_str());
-  testing::internal::GetCapturedStdout();
   MRC_HEAD h;
-  mrcf_read_head(path.c_str(), &h);
-  EXPECT_EQ(stats(h), (std::vector<float>{-2.0f, 8.0f, 3.0f}));
-  EXPECT_EQ(read_binary_file(path).size(), 1024u + 8u);
-  write_file_bytes(path, mrc_bytes(2, 2, 1, 6, {0xFE, 0xFF, 2, 0, 4, 0, 8, 0}));  // no statistics for mode 6
-  testing::internal::CaptureStdout();
-  mrcf_update_head(path.c_str());
-  testing::internal::GetCapturedStdout();
-  mrcf_read_head(path.c_str(), &h);
-  EXPECT_EQ(stats(h), (std::vector<float>{0.0f, 0.0f, 0.0f}));
+  const struct {
+    int mode, ny, nz;
+    std::vector<unsigned char> bytes;
+    std::vector<float> stats;
+  } cases[] = {{1, 1, 2, {0xFE, 0xFF, 2, 0, 4, 0, 8, 0}, {-2.0f, 8.0f, 3.0f}},  // -2, 2 | 4, 8: two sections
+               {0, 2, 1, {1, 2, 3, 4}, {1.0f, 4.0f, 2.5f}},
+               {6, 2, 1, {0xFE, 0xFF, 2, 0, 4, 0, 8, 0}, {0.0f, 0.0f, 0.0f}}};  // no statistics for mode 6
+  for (const auto& c : cases) {
+    write_file_bytes(path, mrc_bytes(2, c.ny, c.nz, c.mode, c.bytes));
+    testing::internal::CaptureStdout();
+    mrcf_update_head(path.c_str());
+    const std::string said = testing::internal::GetCapturedStdout();
+    mrcf_read_head(path.c_str(), &h);
+    EXPECT_EQ(stats(h), c.stats) << c.mode;
+    EXPECT_EQ(read_binary_file(path).size(), 1024u + c.bytes.size()) << c.mode;
+    EXPECT_EQ(said, std::string(c.mode == 6 ? "" : "updating head!") + "updating head finished!") << c.mode;
+  }
   EXPECT_EXIT_REPORT(mrcf_update_head(dir.file("gone.mrc").c_str()), "Cannot open file");
 
   // One column of every row and section replaced in place; columns outside are refused.
@@ -411,7 +383,7 @@ TEST(MrcWrite, UpdateHeadRecomputesStatistics) {
   const std::vector<float> column = {40, 41, 42, 43};
   FILE* f = std::fopen(path.c_str(), "r+");
   mrc_update_slcX(f, 2, column.data());
-  for (int x : {-1, 3}) EXPECT_EXIT_REPORT(mrc_update_slcX(f, x, column.data()), "outside an image of 3 columns");
+  for (int x : {-1, 3, 4}) EXPECT_EXIT_REPORT(mrc_update_slcX(f, x, column.data()), "outside an image of 3 columns");
   std::fclose(f);
   std::vector<float> want = ramp(12), back(12);
   for (int k = 0; k < 4; ++k) want[k * 3 + 2] = column[k];
@@ -427,8 +399,10 @@ TEST(MrcRoundTrip, EveryWriterAndReaderAgrees) {
   const int nx = 5, ny = 3, nz = 2, n = nx * ny * nz;
   const std::vector<float> data = ramp(n, 0.5f);
   const std::string ref = dir.file("ref.mrc"), out = dir.file("out.mrc");
+  write_file_text(ref, std::string(5000, 'x'));  // an existing file is replaced
   mrcf_write_xyz_data(ref.c_str(), data.data(), nx, ny, nz);
   const std::vector<unsigned char> want = read_binary_file(ref);
+  EXPECT_EQ(want.size(), 1024u + n * 4u);
   float* managed = nullptr;
   ASSERT_EQ(cudaMallocManaged(reinterpret_cast<void**>(&managed), n * sizeof(float), cudaMemAttachGlobal), cudaSuccess);
   std::copy(data.begin(), data.end(), managed);
@@ -450,7 +424,8 @@ TEST(MrcRoundTrip, EveryWriterAndReaderAgrees) {
     std::function<void()> write;
   } writers[] = {
       {"managed by path", [&] { mrcf_write_xyz_zdata(out.c_str(), managed, nx, ny, nz); }},
-      {"device by path", [&] { mrcf_write_head_ddata(out.c_str(), fresh_head(), device); }},
+      {"device by path, sizes", [&] { mrcf_write_xyz_ddata(out.c_str(), device, nx, ny, nz); }},
+      {"device by path", [&] { EXPECT_EQ(mrcf_write_head_ddata(out.c_str(), fresh_head(), device), 0); }},
       {"managed stream", [&] { through_stream([&](FILE* f) { mrc_write_head_zdata(f, fresh_head(), managed); }); }},
       {"device stream", [&] { through_stream([&](FILE* f) { mrc_write_head_ddata(f, fresh_head(), device); }); }},
       {"new file, slices added", [&] {
@@ -459,6 +434,14 @@ TEST(MrcRoundTrip, EveryWriterAndReaderAgrees) {
          mrc_new_file(out.c_str(), &head);
          FILE* f = std::fopen(out.c_str(), "r+");
          for (int z = 0; z < nz; ++z) mrc_add_slice(f, &head, data.data() + z * nx * ny);
+         std::fclose(f);
+       }},
+      {"slices placed by number", [&] {
+         fresh_head();
+         mrc_set_head_mmm_from_data(&head, data.data(), n);
+         mrc_new_file(out.c_str(), &head);
+         FILE* f = std::fopen(out.c_str(), "r+");
+         for (int z = nz - 1; z >= 0; --z) mrc_add_sliceN(f, &head, data.data() + z * nx * ny, z);
          std::fclose(f);
        }},
       {"head replaced", [&] {
@@ -482,23 +465,34 @@ TEST(MrcRoundTrip, EveryWriterAndReaderAgrees) {
     w.write();
     EXPECT_EQ(read_binary_file(out), want) << w.what;
   }
+  const float one = 2.75f;  // one value is its own minimum, maximum and mean
+  mrcf_write_xyz_data(out.c_str(), &one, 1, 1, 1);
+  mrcf_read_head(out.c_str(), &head);
+  EXPECT_EQ(stats(head), (std::vector<float>{one, one, one}));
+  EXPECT_EXIT_REPORT(mrcf_write_xyz_data("/nonexistent-folder/x.mrc", &one, 1, 1, 1), "");
 
-  FILE *in = nullptr, *o = nullptr;
-  MRC_HEAD *in_head = nullptr, *out_head = nullptr;
-  ASSERT_EQ(mrcf_io_init(ref.c_str(), out.c_str(), in, o, in_head, out_head), 0);
-  EXPECT_EQ(std::memcmp(in_head, out_head, sizeof(MRC_HEAD)), 0);
-  EXPECT_EQ(std::vector<int>({in_head->nx, in_head->ny, in_head->nz}), std::vector<int>({nx, ny, nz}));
-  std::fclose(in);
-  std::fclose(o);
-  mrc_delete_head(in_head);
-  mrc_delete_head(out_head);
-  const std::string gone = dir.file("gone.mrc");
-  EXPECT_EQ(mrcf_io_open_io_read_write_head(gone.c_str(), out.c_str(), in, o, &head, &head), -1);
-  std::fclose(o);
-  EXPECT_EQ(mrcf_io_init(gone.c_str(), out.c_str(), in, o, in_head, out_head), -1);
-  std::fclose(o);
-  mrc_delete_head(in_head);
-  mrc_delete_head(out_head);
+  // The pair openers: the output head is the input's; a missing input or an uncreatable output
+  // gives -1 (the file that did open is still handed back).
+  const std::string gone = dir.file("gone.mrc"), unwritable = dir.file("no-such-folder/out.mrc");
+  auto close_both = [](FILE*& a, FILE*& b) {
+    for (FILE** f : {&a, &b})
+      if (*f != nullptr) std::fclose(*f), *f = nullptr;
+  };
+  for (const auto& [from, to, result] : {std::make_tuple(ref, out, 0), std::make_tuple(gone, out, -1),
+                                         std::make_tuple(ref, unwritable, -1)}) {
+    FILE *in = nullptr, *o = nullptr;
+    MRC_HEAD *in_head = nullptr, *out_head = nullptr;
+    EXPECT_EQ(mrcf_io_init(from.c_str(), to.c_str(), in, o, in_head, out_head), result) << from << " " << to;
+    if (result == 0) {
+      EXPECT_EQ(std::memcmp(in_head, out_head, sizeof(MRC_HEAD)), 0);
+      EXPECT_EQ(std::vector<int>({in_head->nx, in_head->ny, in_head->nz}), std::vector<int>({nx, ny, nz}));
+    }
+    mrc_delete_head(in_head);
+    mrc_delete_head(out_head);
+    close_both(in, o);
+    EXPECT_EQ(mrcf_io_open_io_read_write_head(from.c_str(), to.c_str(), in, o, &head, &head), result) << from;
+    close_both(in, o);
+  }
 
   int x = 0, y = 0, z = 0;
   EXPECT_EQ(get_mrcf_xyz(x, y, z, ref.c_str()) + mrcf_read_head(ref.c_str(), &head), 0);
@@ -532,7 +526,7 @@ TEST(MrcRoundTrip, EveryWriterAndReaderAgrees) {
       EXPECT_EQ(area[j * 3 + i], data[(1 + j) * nx + 2 + i]);
       EXPECT_EQ(area_z[j * 3 + i], data[nx * ny + (1 + j) * nx + 2 + i]);
     }
-  for (auto box : {std::vector<int>{3, 1, 0, 3, 2, 1}, {2, 2, 0, 3, 2, 1}, {0, 0, 1, 1, 1, 2}, {-1, 0, 0, 1, 1, 1}})
+  for (auto box : {std::vector<int>{3, 1, 0, 3, 2, 1}, {2, 2, 0, 3, 2, 1}, {0, 0, 1, 1, 1, 2}, {-1, 0, 0, 1, 1, 1}, {0, 0, 0, 1, 1, -1}})
     EXPECT_THROW(mrc_read_sub_area(m.f, &m.h, area.data(), box[0], box[1], box[2], box[3], box[4], box[5]),
                  pickora::FatalError);
 }
