@@ -8,8 +8,11 @@
 //   fft_pair [--min_seconds S] N [N ...]
 //
 // Prints per size: "fft_pair N=... pairs=... ms_per_pair_median=... ms_per_pair_mean=...
-// ms_inverse_median=... plan_ms=...", plan_ms being the first pair, which makes the plans
-// (measures them, with PICKORA_FFTW_WISDOM naming a file that does not hold them yet).
+// ms_inverse_median=... ms_inverse_batched_median=... plan_ms=...", plan_ms being the first
+// pair, which makes the plans (measures them, with PICKORA_FFTW_WISDOM naming a file that does
+// not hold them yet). The batched figure is per transform of a batch of kBatch inverses in one
+// execution, as the picker runs a batch of angles (on the host: side by side, one per core),
+// timed in the same loop as the single inverse so that the two see the same machine.
 // Built by bench/run.sh against the library of the backend it measures.
 #include <algorithm>
 #include <chrono>
@@ -23,6 +26,8 @@
 #include "cuda_general/report.h"
 
 namespace {
+
+constexpr int kBatch = 4;  // the picker's angle batch
 
 double seconds_since(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -52,6 +57,23 @@ void time_pairs(unsigned n, double min_seconds) {
   PK_CUDA_CHECK(memcpy_H2D(image, host.data(), pixels * sizeof(float)));
   const cufftHandle r2c = hcuda_2d_fft_plan(n, n, CUFFT_R2C);
   const cufftHandle c2r = hcuda_2d_fft_plan(n, n, CUFFT_C2R);
+  const cufftHandle r2c_batch = hcuda_2d_fft_plan_batch(n, n, CUFFT_R2C, kBatch);
+  const cufftHandle c2r_batch = hcuda_2d_fft_plan_batch(n, n, CUFFT_C2R, kBatch);
+  float* images = nullptr;
+  float* backs = nullptr;
+  float2* halves = nullptr;
+  safe_cudaMalloc(&images, kBatch * pixels * sizeof(float));
+  safe_cudaMalloc(&backs, kBatch * pixels * sizeof(float));
+  safe_cudaMalloc(&halves, kBatch * spectrum * sizeof(float2));
+  for (int k = 0; k < kBatch; ++k)
+    PK_CUDA_CHECK(memcpy_H2D(images + k * pixels, host.data(), pixels * sizeof(float)));
+  // The inverse may use its input as work space, so each one is fed a fresh forward transform.
+  auto batched_inverse = [&] {
+    hcuda_2d_fft_exec_r2c(r2c_batch, images, halves);
+    const auto t0 = std::chrono::steady_clock::now();
+    hcuda_2d_fft_exec_c2r(c2r_batch, halves, backs);
+    return seconds_since(t0) / kBatch;
+  };
 
   auto forward = [&] { hcuda_2d_fft_exec_r2c(r2c, image, half); };
   auto inverse = [&] { hcuda_2d_fft_exec_c2r(c2r, half, back); };
@@ -62,9 +84,9 @@ void time_pairs(unsigned n, double min_seconds) {
   const auto t_plan = std::chrono::steady_clock::now();
   pair();  // first use makes the host plans
   const double plan_seconds = seconds_since(t_plan);
-  for (int k = 0; k < 2; ++k) pair();  // let caches settle
+  for (int k = 0; k < 2; ++k) pair(), batched_inverse();  // let caches settle
 
-  std::vector<double> times, inverse_times;
+  std::vector<double> times, inverse_times, batched_times;
   const auto start = std::chrono::steady_clock::now();
   while (times.size() < 5 || seconds_since(start) < min_seconds) {
     forward();
@@ -74,19 +96,26 @@ void time_pairs(unsigned n, double min_seconds) {
     const auto t1 = std::chrono::steady_clock::now();
     pair();
     times.push_back(seconds_since(t1));
+    batched_times.push_back(batched_inverse());
   }
   double total = 0.0;
   for (double t : times) total += t;
   std::sort(times.begin(), times.end());
   std::sort(inverse_times.begin(), inverse_times.end());
+  std::sort(batched_times.begin(), batched_times.end());
   std::printf("fft_pair N=%u pairs=%zu ms_per_pair_median=%.3f ms_per_pair_mean=%.3f ms_inverse_median=%.3f "
-              "plan_ms=%.1f\n",
+              "ms_inverse_batched_median=%.3f plan_ms=%.1f\n",
               n, times.size(), 1e3 * times[times.size() / 2], 1e3 * total / static_cast<double>(times.size()),
-              1e3 * inverse_times[inverse_times.size() / 2], 1e3 * plan_seconds);
+              1e3 * inverse_times[inverse_times.size() / 2], 1e3 * batched_times[batched_times.size() / 2],
+              1e3 * plan_seconds);
   std::fflush(stdout);
 
   hcuda_2d_fft_destroy(r2c);
   hcuda_2d_fft_destroy(c2r);
+  hcuda_2d_fft_destroy(r2c_batch);
+  hcuda_2d_fft_destroy(c2r_batch);
+  for (void* p : {static_cast<void*>(images), static_cast<void*>(backs), static_cast<void*>(halves)})
+    PK_CUDA_CHECK(cudaFree(p));
   PK_CUDA_CHECK(cudaFree(image));
   PK_CUDA_CHECK(cudaFree(back));
   PK_CUDA_CHECK(cudaFree(half));

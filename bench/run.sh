@@ -208,21 +208,23 @@ load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 fft_table() {
   local n
   for n in "${sizes[@]}"; do
-    printf '| %s | %s (%s, %s) | %s | %s (%s, %s) | %s | %s |\n' "$n" \
+    printf '| %s | %s (%s, %s) | %s | %s | %s (%s, %s) | %s | %s | %s |\n' "$n" \
       "$(field "$out/fft_before/stdout.log" "$n" ms_per_pair_median)" \
       "$(field "$out/fft_before/stdout.log" "$n" ms_per_pair_mean)" "$(field "$out/fft_before/stdout.log" "$n" pairs)" \
       "$(field "$out/fft_before/stdout.log" "$n" ms_inverse_median)" \
+      "$(field "$out/fft_before/stdout.log" "$n" ms_inverse_batched_median)" \
       "$(field "$out/fft_after/stdout.log" "$n" ms_per_pair_median)" \
       "$(field "$out/fft_after/stdout.log" "$n" ms_per_pair_mean)" "$(field "$out/fft_after/stdout.log" "$n" pairs)" \
       "$(field "$out/fft_after/stdout.log" "$n" ms_inverse_median)" \
+      "$(field "$out/fft_after/stdout.log" "$n" ms_inverse_batched_median)" \
       "$(field "$out/fft_measured/stdout.log" "$n" ms_inverse_median) (planning $(field "$out/fft_measured/stdout.log" "$n" plan_ms) ms)"
   done
-  echo "| other load | $(cat "$out/fft_before/other_load") | | $(cat "$out/fft_after/other_load") | | $(cat "$out/fft_measured/other_load") |"
+  echo "| other load | $(cat "$out/fft_before/other_load") | | | $(cat "$out/fft_after/other_load") | | | $(cat "$out/fft_measured/other_load") |"
 }
 case_table() {
   local label n t angles work read cond match peaks write tot lo hi rss others first
   while IFS=$'\t' read -r label n t angles work read cond match peaks write tot lo hi rss others first; do
-    awk -v t="$t" -v a="$angles" -v p="$(fft_ms "$work" ms_inverse_median)" -v m="$match" -v rss="$rss" \
+    awk -v t="$t" -v a="$angles" -v p="$(fft_ms "$work" ms_inverse_batched_median)" -v m="$match" -v rss="$rss" \
         -v others="$others" -v first="$first" \
         -v row="| $label | $n | $([ "$t" = 0 ] && echo blob || echo "$t") | $angles | $work | $read | $cond | $match | $peaks | $write | **$tot** ($lo-$hi) |" \
       'BEGIN { floor = (t == 0 ? 1 : t) * a * p / 1e3; printf "%s %.3f | %.1f | %s | %s | %s |\n", row, floor, m / floor, first, rss, others }'
@@ -253,16 +255,17 @@ step_table() {
   echo "Options: --apixM $apix --diameter $diameter --min_dist $diameter, plus each case's --T, --ang_step, --speed."
   echo
   echo "FFT transforms at each work size (bench/fft_pair.cpp, plans made once), ms, medians: the"
-  echo "forward+inverse pair (mean, pairs timed) and the inverse alone, before and after the runs;"
-  echo "then the inverse with measured plans and the cost of measuring them into a new wisdom file:"
+  echo "forward+inverse pair (mean, pairs timed), the inverse alone and per inverse of a batch of 4"
+  echo "run side by side (as matching runs its angles), before and after the runs; then the inverse"
+  echo "with measured plans and the cost of measuring them into a new wisdom file:"
   echo
-  echo "| N | pair before | inverse before | pair after | inverse after | inverse, measured plans |"
-  echo "|---|---|---|---|---|---|"
+  echo "| N | pair before | inverse before | batched before | pair after | inverse after | batched after | inverse, measured plans |"
+  echo "|---|---|---|---|---|---|---|---|"
   fft_table
   echo
   echo "Seconds per micrograph, mean over the micrographs after the first (n), from the step timers;"
-  echo "FFT floor = templates x angles x one inverse transform at the work size (the lower median"
-  echo "above): with its template spectra kept, that is all matching transforms per angle. First ="
+  echo "FFT floor = templates x angles x one batched inverse transform at the work size (the lower"
+  echo "median above): with its template spectra kept, that is all matching transforms per angle. First ="
   echo "the first micrograph, which also makes the plans and the kept spectra. Peak RSS of the whole"
   echo "run; other load = cores kept busy by other processes during the run."
   echo

@@ -250,6 +250,30 @@ TEST(FftTransform, HostStackAndMisalignedDeviceBuffers) {
   expect_allclose(to_host(d_spec_big.p + 1, plane), dft_half(slice(stack, 0, nx * ny), nx, ny), 2e-5f, "misaligned");
 }
 
+// A batched plan transforms images that follow each other in memory, side by side: every
+// member against the brute-force DFT, a 5 x 3 size whose 9-value spectra put every other
+// member off the 16-byte alignment.
+TEST(FftTransform, BatchedPlansTransformEachImageOfTheBatch) {
+  const unsigned nx = 5, ny = 3, n = 5, plane = (nx / 2 + 1) * ny, area = nx * ny;
+  const std::vector<float> stack = random_image(area * n, 41);
+  Dev<float> d_stack(stack), d_back(area * n);
+  Dev<float2> d_spec(plane * n);
+  const cufftHandle r2c = hcuda_2d_fft_plan_batch(nx, ny, CUFFT_R2C, n);
+  const cufftHandle c2r = hcuda_2d_fft_plan_batch(nx, ny, CUFFT_C2R, n);
+  hcuda_2d_fft_exec_r2c(r2c, d_stack, d_spec);
+  const std::vector<float2> spec = d_spec.host();
+  hcuda_2d_fft_exec_c2r(c2r, d_spec, d_back);
+  const std::vector<float> back = d_back.host();
+  for (unsigned i = 0; i < n; ++i) {
+    const std::vector<float> image = slice(stack, i, area);
+    expect_allclose(slice(spec, i, plane), dft_half(image, nx, ny), 2e-5f, "r2c member " + std::to_string(i));
+    expect_allclose(slice(back, i, area), mapped(image, [&](float v) { return v * area; }), 1e-4f, 1e-5f,
+                    "c2r member " + std::to_string(i));
+  }
+  hcuda_2d_fft_destroy(r2c);
+  hcuda_2d_fft_destroy(c2r);
+}
+
 TEST(FftProducts, MultconjTimesTheConjugateOverD) {
   // (1 + 2i)(4 + i) = 2 + 9i; (-3 + 0.5i)(2 - 2i) = -5 + 7i; both halved. The correlation chain
   // built on it is checked against a brute-force correlation in test_matching.

@@ -38,6 +38,10 @@ inline float fft_norm_factor(unsigned nx, unsigned ny) {
 // device; destruction. A plan serves any buffers of its size, in place or out of place (an
 // in-place real array has rows padded to 2 * nh floats, as in cuFFT).
 cufftHandle hcuda_2d_fft_plan(unsigned nx, unsigned ny, cufftType type);
+// A plan of `batch` such transforms over images that follow each other in memory (nx * ny
+// floats, or nh * ny complex values, apart); one execution transforms them all, side by side
+// on the host's cores.
+cufftHandle hcuda_2d_fft_plan_batch(unsigned nx, unsigned ny, cufftType type, int batch);
 void hcuda_2d_fft_exec_r2c(cufftHandle plan, const float* in, float2* out);
 void hcuda_2d_fft_exec_c2r(cufftHandle plan, float2* in, float* out);
 void hcuda_2d_fft_destroy(cufftHandle plan);

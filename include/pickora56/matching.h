@@ -155,9 +155,10 @@ struct MatchWorkspace {
   float* rotated = nullptr;            // rotated template, rotated_capacity floats
   unsigned long rotated_capacity = 0;
   float2* mic_F = nullptr;             // (nx / 2 + 1) by ny spectra
-  float2* T_F = nullptr;               // the template's spectrum, then the product in place
-  float2* cc_F = nullptr;              // kAngleBatch products with kept spectra
+  float2* T_F = nullptr;               // the template's spectrum when it is not kept
+  float2* cc_F = nullptr;              // kAngleBatch products of the image's and the template's spectra
   cufftHandle r2c = 0, c2r = 0;
+  cufftHandle c2r_batch = 0;           // kAngleBatch inverse transforms in one execution
   bool has_plans = false;
   std::vector<TemplateSpectra> kept;   // template spectra, at this size
   std::size_t kept_bytes = 0;

@@ -14,6 +14,13 @@ cufftHandle hcuda_2d_fft_plan(unsigned nx, unsigned ny, cufftType type) {
   return plan;
 }
 
+cufftHandle hcuda_2d_fft_plan_batch(unsigned nx, unsigned ny, cufftType type, int batch) {
+  cufftHandle plan = 0;
+  int n[2] = {static_cast<int>(ny), static_cast<int>(nx)};
+  PK_CUFFT_CHECK(cufftPlanMany(&plan, 2, n, nullptr, 1, 0, nullptr, 1, 0, type, batch));
+  return plan;
+}
+
 void hcuda_2d_fft_exec_r2c(cufftHandle plan, const float* in, float2* out) {
   // An out-of-place forward transform leaves its input intact.
   PK_CUFFT_CHECK(cufftExecR2C(plan, const_cast<cufftReal*>(in), reinterpret_cast<cufftComplex*>(out)));

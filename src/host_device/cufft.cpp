@@ -5,6 +5,11 @@
 // for each placement and alignment it meets on first use, then executes it through FFTW's
 // new-array interface.
 //
+// A batched plan (cufftPlanMany over contiguous images) runs its members side by side, one per
+// OpenMP thread, each through a single-threaded FFTW plan: two transforms on two cores keep
+// both busy with far fewer stalls than one transform split over them. Every member is the
+// same single-threaded transform, so a member's result does not depend on the thread count.
+//
 // Plans are made by FFTW's estimate unless PICKORA_FFTW_WISDOM names a file. Then they are
 // measured once and kept in that file, and every later plan of the same transform, in this
 // process or any other that names the file, is read from it. Measured plans are faster, but
@@ -24,6 +29,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -44,6 +50,7 @@ struct HostPlan {
   int rows = 0;  // slow dimension
   int cols = 0;  // fast dimension, in real samples
   cufftType type = CUFFT_R2C;
+  int batch = 1;  // images transformed by one execution, contiguous
   fftwf_plan variants[2][2] = {{nullptr, nullptr}, {nullptr, nullptr}};  // [in place][unaligned]
 };
 
@@ -96,7 +103,7 @@ void save_wisdom(const char* file) {
 }
 
 fftwf_plan plan_fftw(const HostPlan& p, float* r, fftwf_complex* c, unsigned flags) {
-  fftwf_plan_with_nthreads(omp_get_max_threads());
+  fftwf_plan_with_nthreads(p.batch > 1 ? 1 : omp_get_max_threads());
   return p.type == CUFFT_R2C ? fftwf_plan_dft_r2c_2d(p.rows, p.cols, r, c, flags)
                              : fftwf_plan_dft_c2r_2d(p.rows, p.cols, c, r, flags);
 }
@@ -136,14 +143,17 @@ fftwf_plan make_variant(const HostPlan& p, bool in_place, bool unaligned) {
   return plan;
 }
 
-// Finds the handle and the FFTW plan for these buffers, making it on first use.
-cufftResult variant_for(cufftHandle handle, cufftType type, const void* in, const void* out, fftwf_plan* result) {
+// Finds the handle and the FFTW plan for these buffers, making it on first use; the plan's
+// batch too, when asked for.
+cufftResult variant_for(cufftHandle handle, cufftType type, const void* in, const void* out, fftwf_plan* result,
+                        int* batch = nullptr) {
   std::lock_guard<std::mutex> guard(planner_lock());
   auto it = plans().find(handle);
   if (it == plans().end()) return CUFFT_INVALID_PLAN;
   HostPlan& p = it->second;
   if (p.type != type) return CUFFT_INVALID_VALUE;
   if (in == nullptr || out == nullptr) return CUFFT_INVALID_VALUE;
+  if (batch != nullptr) *batch = p.batch;
   const bool in_place = in == out;
   const bool unaligned = fftwf_alignment_of(const_cast<float*>(static_cast<const float*>(in))) != 0 ||
                          fftwf_alignment_of(const_cast<float*>(static_cast<const float*>(out))) != 0;
@@ -156,35 +166,80 @@ cufftResult variant_for(cufftHandle handle, cufftType type, const void* in, cons
 
 }  // namespace
 
-cufftResult cufftPlan2d(cufftHandle* plan, int nx, int ny, cufftType type) {
+namespace {
+
+cufftResult new_plan(cufftHandle* plan, int nx, int ny, cufftType type, int batch) {
   if (plan == nullptr) return CUFFT_INVALID_VALUE;
   if (type != CUFFT_R2C && type != CUFFT_C2R) return CUFFT_INVALID_TYPE;
-  if (nx < 1 || ny < 1) return CUFFT_INVALID_SIZE;
+  if (nx < 1 || ny < 1 || batch < 1) return CUFFT_INVALID_SIZE;
   init_fftw_threads_once();
   std::lock_guard<std::mutex> guard(planner_lock());
   HostPlan p;
   p.rows = nx;
   p.cols = ny;
   p.type = type;
+  p.batch = batch;
   *plan = g_next_handle++;
   plans()[*plan] = p;
   return CUFFT_SUCCESS;
 }
 
-cufftResult cufftExecR2C(cufftHandle plan, cufftReal* in, cufftComplex* out) {
-  fftwf_plan p = nullptr;
-  cufftResult r = variant_for(plan, CUFFT_R2C, in, out, &p);
+// Runs one transform per image of the plan's batch: real images of rows x cols floats, half
+// spectra of rows x (cols / 2 + 1) complex values, each after the other in memory. Members
+// whose alignment differs get the plan of their own alignment.
+template <class In, class Out, class Run>
+cufftResult execute_batch(cufftHandle plan, cufftType type, In* in, Out* out, std::size_t in_step,
+                          std::size_t out_step, Run run) {
+  fftwf_plan first = nullptr;
+  int batch = 1;
+  cufftResult r = variant_for(plan, type, in, out, &first, &batch);
+  if (r != CUFFT_SUCCESS || batch == 1) {
+    if (r == CUFFT_SUCCESS) run(first, in, out);
+    return r;
+  }
+  std::vector<fftwf_plan> members(static_cast<std::size_t>(batch), nullptr);
+  for (int k = 0; k < batch && r == CUFFT_SUCCESS; ++k)
+    r = variant_for(plan, type, in + k * in_step, out + k * out_step, &members[static_cast<std::size_t>(k)]);
   if (r != CUFFT_SUCCESS) return r;
-  fftwf_execute_dft_r2c(p, in, reinterpret_cast<fftwf_complex*>(out));
+#pragma omp parallel for schedule(static)
+  for (int k = 0; k < batch; ++k) run(members[static_cast<std::size_t>(k)], in + k * in_step, out + k * out_step);
   return CUFFT_SUCCESS;
 }
 
+// Sizes of one member of the batch, in elements of the real and of the complex side.
+std::size_t real_step(cufftHandle plan) {
+  std::lock_guard<std::mutex> guard(planner_lock());
+  auto it = plans().find(plan);
+  return it == plans().end() ? 0 : static_cast<std::size_t>(it->second.rows) * it->second.cols;
+}
+std::size_t half_step(cufftHandle plan) {
+  std::lock_guard<std::mutex> guard(planner_lock());
+  auto it = plans().find(plan);
+  return it == plans().end() ? 0 : static_cast<std::size_t>(it->second.rows) * (it->second.cols / 2 + 1);
+}
+
+}  // namespace
+
+cufftResult cufftPlan2d(cufftHandle* plan, int nx, int ny, cufftType type) {
+  return new_plan(plan, nx, ny, type, 1);
+}
+
+// The basic layout only (no embedding), as this program uses it: with null embeddings cuFFT
+// ignores the strides and distances too.
+cufftResult cufftPlanMany(cufftHandle* plan, int rank, int* n, int* inembed, int istride, int idist, int* onembed,
+                          int ostride, int odist, cufftType type, int batch) {
+  if (rank != 2 || n == nullptr || inembed != nullptr || onembed != nullptr) return CUFFT_INVALID_VALUE;
+  return new_plan(plan, n[0], n[1], type, batch);
+}
+
+cufftResult cufftExecR2C(cufftHandle plan, cufftReal* in, cufftComplex* out) {
+  return execute_batch(plan, CUFFT_R2C, in, reinterpret_cast<fftwf_complex*>(out), real_step(plan), half_step(plan),
+                       [](fftwf_plan p, float* i, fftwf_complex* o) { fftwf_execute_dft_r2c(p, i, o); });
+}
+
 cufftResult cufftExecC2R(cufftHandle plan, cufftComplex* in, cufftReal* out) {
-  fftwf_plan p = nullptr;
-  cufftResult r = variant_for(plan, CUFFT_C2R, in, out, &p);
-  if (r != CUFFT_SUCCESS) return r;
-  fftwf_execute_dft_c2r(p, reinterpret_cast<fftwf_complex*>(in), out);
-  return CUFFT_SUCCESS;
+  return execute_batch(plan, CUFFT_C2R, reinterpret_cast<fftwf_complex*>(in), out, half_step(plan), real_step(plan),
+                       [](fftwf_plan p, fftwf_complex* i, float* o) { fftwf_execute_dft_c2r(p, i, o); });
 }
 
 cufftResult cufftDestroy(cufftHandle plan) {

@@ -100,6 +100,7 @@ void release_image_scratch(MatchWorkspace* ws) {
   if (ws->has_plans) {
     hcuda_2d_fft_destroy(ws->r2c);
     hcuda_2d_fft_destroy(ws->c2r);
+    hcuda_2d_fft_destroy(ws->c2r_batch);
   }
   ws->has_plans = false;
   ws->nx = ws->ny = 0;
@@ -123,6 +124,7 @@ void prepare_workspace(MatchWorkspace* ws, int nx, int ny, int tnx, int tny) {
     // One forward plan serves the image and the template: same size, same placement.
     ws->r2c = hcuda_2d_fft_plan(ux, uy, CUFFT_R2C);
     ws->c2r = hcuda_2d_fft_plan(ux, uy, CUFFT_C2R);
+    ws->c2r_batch = hcuda_2d_fft_plan_batch(ux, uy, CUFFT_C2R, kAngleBatch);
     ws->has_plans = true;
     ws->nx = nx;
     ws->ny = ny;
@@ -153,22 +155,32 @@ std::size_t image_values(const MatchWorkspace* ws) {
   return static_cast<std::size_t>(ws->nx) * static_cast<std::size_t>(ws->ny);
 }
 
-// The correlation of mic with the template turned by `degrees`, unscaled sums of products with
-// the origin at pixel 0, into `correlation`. ws->mic_F holds the image's spectrum. When `keep`
-// is not null the template's spectrum is made there, to be kept for later micrographs (both
-// places are aligned alike, so the transform is the same); else in ws->T_F.
-void correlate_at_angle(MatchWorkspace* ws, const float* T, int tnx, int tny, float degrees, float2* keep,
-                        float* correlation) {
+// The spectrum of the correlation of mic with the template turned by `degrees` (unscaled sums of
+// products with the origin at pixel 0, once transformed back), into `product`. ws->mic_F holds
+// the image's spectrum. When `keep` is not null the template's spectrum is made there, to be
+// kept for later micrographs (both places are aligned alike, so the transform is the same);
+// else in ws->T_F.
+void product_at_angle(MatchWorkspace* ws, const float* T, int tnx, int tny, float degrees, float2* keep,
+                      float2* product) {
   const unsigned nx = static_cast<unsigned>(ws->nx), ny = static_cast<unsigned>(ws->ny);
   hcuda_2d_rotate(T, ws->rotated, static_cast<unsigned>(tnx), static_cast<unsigned>(tny), degrees);
   hcuda_x2d_cp_small_to_large_center(ws->padded, ws->rotated, ws->nx, ws->ny, tnx, tny);
   float2* spectrum = keep != nullptr ? keep : ws->T_F;
   hcuda_2d_fft_exec_r2c(ws->r2c, ws->padded, spectrum);
-  // The product goes to ws->T_F, over the template's spectrum when that is not kept: each
-  // element is read before it is written.
-  hcuda_c2d_multconj_norm(ws->mic_F, spectrum, ws->T_F, fft_half_width(nx), ny,
+  hcuda_c2d_multconj_norm(ws->mic_F, spectrum, product, fft_half_width(nx), ny,
                           static_cast<float>(nx) * static_cast<float>(ny));
-  hcuda_2d_fft_exec_c2r(ws->c2r, ws->T_F, correlation);
+}
+
+// The correlation maps of the batch's `count` products: a full batch in one execution, which
+// the host runs on all its cores side by side; the last, short batch of a loop one at a time.
+void inverse_batch(MatchWorkspace* ws, int count, std::size_t spectrum, std::size_t pixels) {
+  if (count == kAngleBatch) {
+    hcuda_2d_fft_exec_c2r(ws->c2r_batch, ws->cc_F, ws->correlation);
+    return;
+  }
+  for (int j = 0; j < count; ++j)
+    hcuda_2d_fft_exec_c2r(ws->c2r, ws->cc_F + static_cast<std::size_t>(j) * spectrum,
+                          ws->correlation + static_cast<std::size_t>(j) * pixels);
 }
 
 // The products of the image's spectrum with `count` consecutive kept spectra into ws->cc_F, in
@@ -286,12 +298,10 @@ int pickora_ccmax_psi_by_one_template(MatchWorkspace* ws, float* mic, float* mas
     for (int j = 0; j < count; ++j) {
       std::printf(".");
       std::fflush(stdout);
-      if (read_kept)
-        hcuda_2d_fft_exec_c2r(ws->c2r, ws->cc_F + static_cast<std::size_t>(j) * spectrum, correlation_map(j));
-      else
-        correlate_at_angle(ws, T, tnx, tny, batch.degrees[j],
-                           kept != nullptr ? kept->spectra + (k + j) * spectrum : nullptr, correlation_map(j));
+      float2* keep = kept != nullptr ? kept->spectra + (k + j) * spectrum : nullptr;
+      if (!read_kept) product_at_angle(ws, T, tnx, tny, batch.degrees[j], keep, ws->cc_F + j * spectrum);
     }
+    inverse_batch(ws, count, spectrum, pixels);
     hcuda_update_ccmax_psi_2d_batch(ccmax, batch, with_psi ? psi : nullptr, nx, ny);
     k += static_cast<std::size_t>(count);
   }

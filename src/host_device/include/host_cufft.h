@@ -30,6 +30,9 @@ enum cufftType {
 
 // nx is the slow dimension (rows), ny the fast one, as in cuFFT.
 cufftResult cufftPlan2d(cufftHandle* plan, int nx, int ny, cufftType type);
+// Batches of 2D transforms in the basic layout (null embeddings); other layouts are refused.
+cufftResult cufftPlanMany(cufftHandle* plan, int rank, int* n, int* inembed, int istride, int idist, int* onembed,
+                          int ostride, int odist, cufftType type, int batch);
 cufftResult cufftExecR2C(cufftHandle plan, cufftReal* in, cufftComplex* out);
 cufftResult cufftExecC2R(cufftHandle plan, cufftComplex* in, cufftReal* out);
 cufftResult cufftDestroy(cufftHandle plan);
