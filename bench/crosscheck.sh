@@ -13,7 +13,10 @@
 # picker as users run it. Each case runs every road over the same micrographs in folders of its
 # own and compares every file the roads wrote with cmp, and their standard output without the
 # time lines and the closing tip (a random one) as printed.txt. It prints one line per case and
-# road, keeps the table in DIR/crosscheck.md and ends with status 1 when any file differs.
+# road, keeps the table in DIR/crosscheck.md and ends with status 1 when any file differs. The
+# roads run one after the other on the same micrographs, so their steady-state seconds per
+# micrograph (from the TIME lines, the first micrograph left out) are a side-by-side timing too,
+# as long as nothing else runs: a second table gives them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -106,6 +109,13 @@ compare_roads() {
   done
 }
 
+# steady_seconds DIR: mean of READING + NORMALIZATION + PICKING over the micrographs after the first.
+steady_seconds() {
+  awk '/TIME<<<<<< +(READING|NORMALIZATION|PICKING):/ { v = $NF; sub(/s$/, "", v); if ($0 ~ /READING/) m++; if (m > 1) s += v }
+       END { if (m > 1) printf "%.3f", s / (m - 1); else printf "-" }' "$1/stdout.log"
+}
+timings=()
+
 report=$out/crosscheck.md
 {
   echo "## Cross-check, $(date +%Y-%m-%d), backend $backend$([ $quick = 1 ] && echo ', quick')"
@@ -121,7 +131,18 @@ for c in "${cases[@]}"; do
   dir=$out/crosscheck/$(tr -c 'a-zA-Z0-9\n' '_' <<<"$label")
   for road in "${roads[@]}"; do run_road "$road" "$dir/$road" "$set" "$t" "$extra"; done
   compare_roads "$dir"
+  row="| $label |"
+  for road in "${roads[@]}"; do row+=" $(steady_seconds "$dir/$road") |"; done
+  timings+=("$row")
 done
+{
+  echo
+  echo "Seconds per micrograph in steady state, each road in turn on the same micrographs:"
+  echo
+  echo "| case |$(printf ' %s |' "${roads[@]}")"
+  echo "|---|$(printf -- '---|%.0s' "${roads[@]}")"
+  printf '%s\n' "${timings[@]}"
+} | tee -a "$report"
 echo
 if [ $failures = 0 ]; then
   echo "crosscheck: every file identical on every road" | tee -a "$report"
