@@ -206,16 +206,18 @@ cufftResult execute_batch(cufftHandle plan, cufftType type, In* in, Out* out, st
   return CUFFT_SUCCESS;
 }
 
-// Sizes of one member of the batch, in elements of the real and of the complex side.
-std::size_t real_step(cufftHandle plan) {
-  std::lock_guard<std::mutex> guard(planner_lock());
-  auto it = plans().find(plan);
-  return it == plans().end() ? 0 : static_cast<std::size_t>(it->second.rows) * it->second.cols;
-}
+// Sizes of one member of the batch, in elements of the complex side and of the real side; in
+// place, a real image takes the rows padded to 2 * (cols / 2 + 1) floats, as in cuFFT.
 std::size_t half_step(cufftHandle plan) {
   std::lock_guard<std::mutex> guard(planner_lock());
   auto it = plans().find(plan);
   return it == plans().end() ? 0 : static_cast<std::size_t>(it->second.rows) * (it->second.cols / 2 + 1);
+}
+std::size_t real_step(cufftHandle plan, const void* real, const void* complex) {
+  if (real == complex) return 2 * half_step(plan);
+  std::lock_guard<std::mutex> guard(planner_lock());
+  auto it = plans().find(plan);
+  return it == plans().end() ? 0 : static_cast<std::size_t>(it->second.rows) * it->second.cols;
 }
 
 }  // namespace
@@ -233,12 +235,14 @@ cufftResult cufftPlanMany(cufftHandle* plan, int rank, int* n, int* inembed, int
 }
 
 cufftResult cufftExecR2C(cufftHandle plan, cufftReal* in, cufftComplex* out) {
-  return execute_batch(plan, CUFFT_R2C, in, reinterpret_cast<fftwf_complex*>(out), real_step(plan), half_step(plan),
+  return execute_batch(plan, CUFFT_R2C, in, reinterpret_cast<fftwf_complex*>(out), real_step(plan, in, out),
+                       half_step(plan),
                        [](fftwf_plan p, float* i, fftwf_complex* o) { fftwf_execute_dft_r2c(p, i, o); });
 }
 
 cufftResult cufftExecC2R(cufftHandle plan, cufftComplex* in, cufftReal* out) {
-  return execute_batch(plan, CUFFT_C2R, reinterpret_cast<fftwf_complex*>(in), out, half_step(plan), real_step(plan),
+  return execute_batch(plan, CUFFT_C2R, reinterpret_cast<fftwf_complex*>(in), out, half_step(plan),
+                       real_step(plan, out, in),
                        [](fftwf_plan p, fftwf_complex* i, float* o) { fftwf_execute_dft_c2r(p, i, o); });
 }
 
