@@ -143,17 +143,17 @@ fftwf_plan make_variant(const HostPlan& p, bool in_place, bool unaligned) {
   return plan;
 }
 
-// Finds the handle and the FFTW plan for these buffers, making it on first use; the plan's
-// batch too, when asked for.
+// Finds the handle and the FFTW plan for these buffers, making it on first use; a copy of the
+// handle's sizes too, when asked for.
 cufftResult variant_for(cufftHandle handle, cufftType type, const void* in, const void* out, fftwf_plan* result,
-                        int* batch = nullptr) {
+                        HostPlan* shape = nullptr) {
   std::lock_guard<std::mutex> guard(planner_lock());
   auto it = plans().find(handle);
   if (it == plans().end()) return CUFFT_INVALID_PLAN;
   HostPlan& p = it->second;
   if (p.type != type) return CUFFT_INVALID_VALUE;
   if (in == nullptr || out == nullptr) return CUFFT_INVALID_VALUE;
-  if (batch != nullptr) *batch = p.batch;
+  if (shape != nullptr) *shape = HostPlan{p.rows, p.cols, p.type, p.batch};
   const bool in_place = in == out;
   const bool unaligned = fftwf_alignment_of(const_cast<float*>(static_cast<const float*>(in))) != 0 ||
                          fftwf_alignment_of(const_cast<float*>(static_cast<const float*>(out))) != 0;
@@ -163,10 +163,6 @@ cufftResult variant_for(cufftHandle handle, cufftType type, const void* in, cons
   *result = slot;
   return CUFFT_SUCCESS;
 }
-
-}  // namespace
-
-namespace {
 
 cufftResult new_plan(cufftHandle* plan, int nx, int ny, cufftType type, int batch) {
   if (plan == nullptr) return CUFFT_INVALID_VALUE;
@@ -184,19 +180,24 @@ cufftResult new_plan(cufftHandle* plan, int nx, int ny, cufftType type, int batc
   return CUFFT_SUCCESS;
 }
 
-// Runs one transform per image of the plan's batch: real images of rows x cols floats, half
-// spectra of rows x (cols / 2 + 1) complex values, each after the other in memory. Members
-// whose alignment differs get the plan of their own alignment.
+// Runs one transform per image of the plan's batch, each after the other in memory: half spectra
+// of rows x (cols / 2 + 1) complex values, real images of rows x cols floats (in place, the rows
+// padded to 2 * (cols / 2 + 1) floats, as in cuFFT). Members whose alignment differs get the
+// plan of their own alignment. `real_in` says which side the input is.
 template <class In, class Out, class Run>
-cufftResult execute_batch(cufftHandle plan, cufftType type, In* in, Out* out, std::size_t in_step,
-                          std::size_t out_step, Run run) {
+cufftResult execute_batch(cufftHandle plan, cufftType type, In* in, Out* out, bool real_in, Run run) {
   fftwf_plan first = nullptr;
-  int batch = 1;
-  cufftResult r = variant_for(plan, type, in, out, &first, &batch);
+  HostPlan shape;
+  cufftResult r = variant_for(plan, type, in, out, &first, &shape);
+  const int batch = shape.batch;
   if (r != CUFFT_SUCCESS || batch == 1) {
     if (r == CUFFT_SUCCESS) run(first, in, out);
     return r;
   }
+  const std::size_t half = static_cast<std::size_t>(shape.rows) * (shape.cols / 2 + 1);
+  const bool in_place = static_cast<const void*>(in) == static_cast<const void*>(out);
+  const std::size_t real = in_place ? 2 * half : static_cast<std::size_t>(shape.rows) * shape.cols;
+  const std::size_t in_step = real_in ? real : half, out_step = real_in ? half : real;
   std::vector<fftwf_plan> members(static_cast<std::size_t>(batch), nullptr);
   for (int k = 0; k < batch && r == CUFFT_SUCCESS; ++k)
     r = variant_for(plan, type, in + k * in_step, out + k * out_step, &members[static_cast<std::size_t>(k)]);
@@ -204,20 +205,6 @@ cufftResult execute_batch(cufftHandle plan, cufftType type, In* in, Out* out, st
 #pragma omp parallel for schedule(static)
   for (int k = 0; k < batch; ++k) run(members[static_cast<std::size_t>(k)], in + k * in_step, out + k * out_step);
   return CUFFT_SUCCESS;
-}
-
-// Sizes of one member of the batch, in elements of the complex side and of the real side; in
-// place, a real image takes the rows padded to 2 * (cols / 2 + 1) floats, as in cuFFT.
-std::size_t half_step(cufftHandle plan) {
-  std::lock_guard<std::mutex> guard(planner_lock());
-  auto it = plans().find(plan);
-  return it == plans().end() ? 0 : static_cast<std::size_t>(it->second.rows) * (it->second.cols / 2 + 1);
-}
-std::size_t real_step(cufftHandle plan, const void* real, const void* complex) {
-  if (real == complex) return 2 * half_step(plan);
-  std::lock_guard<std::mutex> guard(planner_lock());
-  auto it = plans().find(plan);
-  return it == plans().end() ? 0 : static_cast<std::size_t>(it->second.rows) * it->second.cols;
 }
 
 }  // namespace
@@ -235,14 +222,12 @@ cufftResult cufftPlanMany(cufftHandle* plan, int rank, int* n, int* inembed, int
 }
 
 cufftResult cufftExecR2C(cufftHandle plan, cufftReal* in, cufftComplex* out) {
-  return execute_batch(plan, CUFFT_R2C, in, reinterpret_cast<fftwf_complex*>(out), real_step(plan, in, out),
-                       half_step(plan),
+  return execute_batch(plan, CUFFT_R2C, in, reinterpret_cast<fftwf_complex*>(out), true,
                        [](fftwf_plan p, float* i, fftwf_complex* o) { fftwf_execute_dft_r2c(p, i, o); });
 }
 
 cufftResult cufftExecC2R(cufftHandle plan, cufftComplex* in, cufftReal* out) {
-  return execute_batch(plan, CUFFT_C2R, reinterpret_cast<fftwf_complex*>(in), out, half_step(plan),
-                       real_step(plan, out, in),
+  return execute_batch(plan, CUFFT_C2R, reinterpret_cast<fftwf_complex*>(in), out, false,
                        [](fftwf_plan p, fftwf_complex* i, float* o) { fftwf_execute_dft_c2r(p, i, o); });
 }
 
