@@ -10,14 +10,18 @@
 // both busy with far fewer stalls than one transform split over them. Every member is the
 // same single-threaded transform, so a member's result does not depend on the thread count.
 //
-// Plans are made by FFTW's estimate unless PICKORA_FFTW_WISDOM names a file. Then they are
-// measured once and kept in that file, and every later plan of the same transform, in this
-// process or any other that names the file, is read from it. Measured plans are faster, but
-// their arithmetic depends on what the measurement chose, so results agree to the last bit
-// only between runs that share the same wisdom; estimated plans always agree.
+// Plans are measured once per machine and kept in a wisdom file; every later plan of the same
+// transform, in this process or any other that shares the file, is read from it. So the same
+// build gives the same bytes on every run that finds the file, whoever measured first. The file
+// is PICKORA_FFTW_WISDOM when that names one, else pickora/fftw.wisdom under the user's cache
+// folder ($XDG_CACHE_HOME, or ~/.cache). PICKORA_FFTW_WISDOM=none turns measuring off: plans
+// are then FFTW's estimate, which depends on nothing but the build. A file that cannot be
+// written is still read, but a transform it lacks gets an estimated plan rather than one chosen
+// by a timing that nobody would see again.
 #include "host_cufft.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <fftw3.h>
 #include <omp.h>
 #include <sys/file.h>
@@ -63,20 +67,38 @@ std::map<cufftHandle, HostPlan>& plans() {
 cufftHandle g_next_handle = 1;
 
 // Read at every new plan, which is rare, so that the setting can change within a process.
-const char* wisdom_file() {
+// Empty when plans are to be estimated.
+std::string wisdom_file() {
   const char* v = std::getenv("PICKORA_FFTW_WISDOM");
-  return v != nullptr && *v != '\0' ? v : nullptr;
+  if (v != nullptr && *v != '\0') return std::strcmp(v, "none") == 0 ? std::string() : std::string(v);
+  const char* xdg = std::getenv("XDG_CACHE_HOME");
+  const char* home = std::getenv("HOME");
+  std::string path;
+  if (xdg != nullptr && *xdg == '/')
+    path = xdg;
+  else if (home != nullptr && *home == '/')
+    path = std::string(home) + "/.cache";
+  else
+    return path;
+  // A folder that cannot be made leaves the lock unopened below: plans are then estimated.
+  (void)mkdir(path.c_str(), 0755);
+  path += "/pickora";
+  (void)mkdir(path.c_str(), 0755);
+  return path + "/fftw.wisdom";
 }
 
 // Holds an exclusive lock on FILE.lock, so that processes sharing the wisdom measure each
-// transform once and then all read the same plan. Without a lock (an unwritable folder) each
-// process still reads what the file holds.
+// transform once and then all read the same plan. No lock means an unwritable folder.
 class WisdomLock {
  public:
-  explicit WisdomLock(const char* file) {
-    fd_ = open((std::string(file) + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd_ >= 0) flock(fd_, LOCK_EX);
+  explicit WisdomLock(const std::string& file) {
+    fd_ = open((file + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd_ >= 0 && flock(fd_, LOCK_EX) != 0) {
+      close(fd_);
+      fd_ = -1;
+    }
   }
+  bool held() const { return fd_ >= 0; }
   ~WisdomLock() {
     if (fd_ >= 0) close(fd_);  // closing releases the lock
   }
@@ -88,15 +110,15 @@ class WisdomLock {
 };
 
 // One line on standard error the first time, nothing after.
-void warn_once(bool* warned, const char* format, const char* file) {
-  if (!*warned) std::fprintf(stderr, format, file);
+void warn_once(bool* warned, const char* format, const std::string& file) {
+  if (!*warned) std::fprintf(stderr, format, file.c_str());
   *warned = true;
 }
 
 // Writes through a new file and a rename, so a reader never sees half a file.
-void save_wisdom(const char* file) {
-  const std::string tmp = std::string(file) + ".tmp" + std::to_string(getpid());
-  if (fftwf_export_wisdom_to_filename(tmp.c_str()) != 0 && std::rename(tmp.c_str(), file) == 0) return;
+void save_wisdom(const std::string& file) {
+  const std::string tmp = file + ".tmp" + std::to_string(getpid());
+  if (fftwf_export_wisdom_to_filename(tmp.c_str()) != 0 && std::rename(tmp.c_str(), file.c_str()) == 0) return;
   std::remove(tmp.c_str());
   static bool warned = false;
   warn_once(&warned, "pickora: cannot write the FFT wisdom file %s; plans are measured again next run\n", file);
@@ -106,6 +128,28 @@ fftwf_plan plan_fftw(const HostPlan& p, float* r, fftwf_complex* c, unsigned fla
   fftwf_plan_with_nthreads(p.batch > 1 ? 1 : omp_get_max_threads());
   return p.type == CUFFT_R2C ? fftwf_plan_dft_r2c_2d(p.rows, p.cols, r, c, flags)
                              : fftwf_plan_dft_c2r_2d(p.rows, p.cols, c, r, flags);
+}
+
+// The plan that the wisdom file holds or, when the file is ours to write, one measured now and
+// saved there; null when neither (the caller then estimates). r and c are the planner's scratch.
+fftwf_plan plan_from_wisdom(const HostPlan& p, float* r, fftwf_complex* c, std::size_t real, std::size_t half,
+                            unsigned alignment, const std::string& file) {
+  WisdomLock lock(file);
+  // A file that is there but holds no wisdom is someone else's: it is never written over.
+  const bool absent = access(file.c_str(), F_OK) != 0;
+  const bool ours = absent || fftwf_import_wisdom_from_filename(file.c_str()) != 0;
+  if (!ours) {
+    static bool warned = false;
+    warn_once(&warned, "pickora: %s is not an FFT wisdom file; it is left as it is\n", file);
+    return nullptr;
+  }
+  if (!lock.held()) return plan_fftw(p, r, c, FFTW_MEASURE | FFTW_WISDOM_ONLY | alignment);
+  // Measured on touched pages: first-touch faults would make the first candidates look slow.
+  std::memset(r, 0, sizeof(float) * real);
+  if (static_cast<void*>(c) != static_cast<void*>(r)) std::memset(c, 0, sizeof(fftwf_complex) * half);
+  fftwf_plan plan = plan_fftw(p, r, c, FFTW_MEASURE | alignment);
+  save_wisdom(file);
+  return plan;
 }
 
 fftwf_plan make_variant(const HostPlan& p, bool in_place, bool unaligned) {
@@ -121,23 +165,9 @@ fftwf_plan make_variant(const HostPlan& p, bool in_place, bool unaligned) {
   // The planner runs on scratch arrays of its own: measuring overwrites them.
   const unsigned alignment = unaligned ? FFTW_UNALIGNED : 0u;
   fftwf_plan plan = nullptr;
-  if (const char* file = wisdom_file()) {
-    // Measured on touched pages: first-touch faults would make the first candidates look slow.
-    std::memset(r, 0, sizeof(float) * real);
-    if (!in_place) std::memset(c, 0, sizeof(fftwf_complex) * half);
-    WisdomLock lock(file);
-    // A file that is there but holds no wisdom is someone else's: it is never written over.
-    const bool absent = access(file, F_OK) != 0;
-    const bool ours = absent || fftwf_import_wisdom_from_filename(file) != 0;
-    plan = plan_fftw(p, r, c, FFTW_MEASURE | alignment);
-    static bool warned = false;
-    if (ours)
-      save_wisdom(file);
-    else
-      warn_once(&warned, "pickora: %s is not an FFT wisdom file; it is left as it is\n", file);
-  } else {
-    plan = plan_fftw(p, r, c, FFTW_ESTIMATE | alignment);
-  }
+  const std::string file = wisdom_file();
+  if (!file.empty()) plan = plan_from_wisdom(p, r, c, real, half, alignment, file);
+  if (plan == nullptr) plan = plan_fftw(p, r, c, FFTW_ESTIMATE | alignment);
   fftwf_free(r);
   if (!in_place) fftwf_free(c);
   return plan;
