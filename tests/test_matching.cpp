@@ -151,6 +151,7 @@ TEST(UpdateCcmax, ABatchOfAnglesEqualsTheSameAnglesOneAtATime) {
     float *psi_one = to_device(std::vector<float>(n, -1.0f)), *psi_batched = to_device(std::vector<float>(n, -1.0f));
     DeviceFrees frees(one, batched, cc_only, psi_one, psi_batched);
     AngleBatch batch{};
+    batch.pitch = nx;
     for (int j = 0; j < kAngleBatch; ++j) {
       batch.correlation[j] = d_corr[std::min(j, count - 1)];
       batch.degrees[j] = 10.0f * std::min(j, count - 1);
@@ -178,23 +179,30 @@ TEST(AngleLoop, CountsAnglesBelowTheEndAndRefusesLoopsThatNeverEnd) {
 
 // A random image with a partly cleared mask, a random odd template, angles 0 and 90: every map
 // pixel against the brute-force correlation, and the angle wherever the two angles differ
-// clearly. Also fixes the direction of the shift, the template's anchor and the scale.
+// clearly. Also fixes the direction of the shift, the template's anchor and the scale. The side
+// 26 = 2 x 13 transforms on 32, just wide enough for the image and a template beyond it.
 TEST(Matching, MapsAgreeWithBruteForceCorrelation) {
-  Problem p{32, random_image(32 * 32, 21), std::vector<float>(32 * 32, 1.0f), 7, bordered_pattern(7, 22), 3.0f};
-  std::fill_n(p.mask.begin(), 32 * 10, 0.0f);
-  const Maps m = run_matching(p, 90.0f, 180.0f);
-  int decided = 0;
-  for (int Y = 0; Y < p.n; ++Y)
-    for (int X = 0; X < p.n; ++X) {
-      const double c0 = brute_map(p, 0, X, Y), c90 = brute_map(p, 1, X, Y);
-      const size_t i = size_t(Y) * p.n + X;
-      ASSERT_NEAR(m.ccmax[i], std::max(c0, c90), 1e-5) << X << ", " << Y;
-      if (std::fabs(c0 - c90) > 1e-4) {
-        EXPECT_EQ(m.psi[i], c90 > c0 ? 90.0f : 0.0f) << X << ", " << Y;
-        ++decided;
+  for (int n : {32, 26}) {
+    Problem p{n, random_image(n * n, 21), std::vector<float>(n * n, 1.0f), 7, bordered_pattern(7, 22), 3.0f};
+    std::fill_n(p.mask.begin(), n * 10, 0.0f);
+    const Maps m = run_matching(p, 90.0f, 180.0f);
+    int decided = 0;
+    for (int Y = 0; Y < p.n; ++Y)
+      for (int X = 0; X < p.n; ++X) {
+        const double c0 = brute_map(p, 0, X, Y), c90 = brute_map(p, 1, X, Y);
+        const size_t i = size_t(Y) * p.n + X;
+        ASSERT_NEAR(m.ccmax[i], std::max(c0, c90), 1e-5) << n << ": " << X << ", " << Y;
+        if (std::fabs(c0 - c90) > 1e-4) {
+          EXPECT_EQ(m.psi[i], c90 > c0 ? 90.0f : 0.0f) << n << ": " << X << ", " << Y;
+          ++decided;
+        }
       }
-    }
-  EXPECT_GT(decided, 1000);
+    EXPECT_GT(decided, n * n - 100) << n;
+  }
+  const struct {
+    int n, t, side;
+  } sides[] = {{1024, 50, 1024}, {958, 50, 1008}, {682, 40, 750}, {26, 7, 32}, {22, 1, 24}, {2, 2, 2}};
+  for (const auto& c : sides) EXPECT_EQ(matching_transform_side(c.n, c.t), c.side) << c.n << " " << c.t;
 }
 
 // A template planted at 90 degrees into weak noise is found at its place, with its angle, with

@@ -22,14 +22,28 @@ void hcuda_2d_rotate(const float* src, float* out, unsigned nx, unsigned ny, flo
   PK_LAUNCH_IMAGE(nx, ny, PICKORA_LAMBDA(unsigned x, unsigned y) { cuda_2d_rotate_cs(x, y, src, out, nx, ny, c, s); });
 }
 
-void hcuda_x2d_cp_small_to_large_center(float* large, const float* small, int large_nx, int large_ny, int small_nx,
-                                        int small_ny) {
-  if (small_nx < 0 || small_ny < 0 || small_nx > large_nx || small_ny > large_ny)
+void hcuda_x2d_cp_small_to_large_at(float* large, const float* small, int large_nx, int large_ny, int small_nx,
+                                    int small_ny, int x0, int y0) {
+  if (small_nx < 0 || small_ny < 0 || x0 < 0 || y0 < 0 || small_nx > large_nx - x0 || small_ny > large_ny - y0)
     PK_FATAL("An image of %d x %d does not fit into one of %d x %d", small_nx, small_ny, large_nx, large_ny);
+  const unsigned ux0 = static_cast<unsigned>(x0), uy0 = static_cast<unsigned>(y0);
   PK_LAUNCH_IMAGE(
       static_cast<unsigned>(small_nx), static_cast<unsigned>(small_ny), PICKORA_LAMBDA(unsigned x, unsigned y) {
-        cuda_x2d_cp_small_to_large_center(x, y, large, small, large_nx, large_ny, small_nx, small_ny);
+        cuda_x2d_cp_small_to_large_at(x, y, large, small, large_nx, small_nx, small_ny, ux0, uy0);
       });
+}
+
+void hcuda_x2d_cp_small_to_large_center(float* large, const float* small, int large_nx, int large_ny, int small_nx,
+                                        int small_ny) {
+  hcuda_x2d_cp_small_to_large_at(large, small, large_nx, large_ny, small_nx, small_ny, (large_nx - small_nx) / 2,
+                                 (large_ny - small_ny) / 2);
+}
+
+void hcuda_2d_periodic_extend(float* out, const float* in, unsigned out_nx, unsigned out_ny, unsigned nx, unsigned ny,
+                              unsigned x0, unsigned y0) {
+  PK_LAUNCH_IMAGE(out_nx, out_ny, PICKORA_LAMBDA(unsigned x, unsigned y) {
+    cuda_2d_periodic_extend(x, y, out, in, out_nx, out_ny, nx, ny, x0, y0);
+  });
 }
 
 void hcuda_update_ccmax_psi_2d(float* ccmax, const float* correlation, float* psi, float degrees, int nx, int ny) {
@@ -64,6 +78,23 @@ long matching_angle_count(float ang_start, float ang_end, float ang_step) {
   return count;
 }
 
+namespace {
+
+bool small_factors_only(int n) {
+  for (int p : {2, 3, 5, 7})
+    while (n % p == 0) n /= p;
+  return n == 1;
+}
+
+}  // namespace
+
+int matching_transform_side(int n, int t) {
+  if (small_factors_only(n)) return n;
+  int side = n + t - 1;
+  while (side % 2 != 0 || !small_factors_only(side)) ++side;
+  return side;
+}
+
 // ---- Workspace ---------------------------------------------------------------------------
 
 std::size_t matching_spectra_budget() {
@@ -93,7 +124,7 @@ void release_kept_spectra(MatchWorkspace* ws) {
 void release_image_scratch(MatchWorkspace* ws) {
   release_kept_spectra(ws);
   safe_cudaFree(ws->padded);
-  safe_cudaFree(ws->correlation);
+  safe_cudaFree(ws->extended);
   safe_cudaFree(ws->mic_F);
   safe_cudaFree(ws->T_F);
   safe_cudaFree(ws->cc_F);
@@ -107,17 +138,18 @@ void release_image_scratch(MatchWorkspace* ws) {
   ws->placed_nx = ws->placed_ny = 0;
 }
 
-// Makes the scratch fit an nx by ny image and a tnx by tny template. The padded image is cleared
-// whenever the template size changes: one of the same size writes exactly the same footprint, so
-// the zero border left by the last one is still right.
+// Makes the scratch fit the transforms of an nx by ny image and a tnx by tny template. The padded
+// image is cleared whenever the template size changes: one of the same size writes exactly the
+// same footprint, so the zero border left by the last one is still right.
 void prepare_workspace(MatchWorkspace* ws, int nx, int ny, int tnx, int tny) {
-  const unsigned ux = static_cast<unsigned>(nx), uy = static_cast<unsigned>(ny);
-  if (ws->nx != nx || ws->ny != ny) {
+  const int fx = matching_transform_side(nx, tnx), fy = matching_transform_side(ny, tny);
+  const unsigned ux = static_cast<unsigned>(fx), uy = static_cast<unsigned>(fy);
+  if (ws->nx != fx || ws->ny != fy) {
     release_image_scratch(ws);
     const std::size_t pixels = static_cast<std::size_t>(ux) * uy;
     const std::size_t spectrum = static_cast<std::size_t>(fft_half_width(ux)) * uy;
     safe_cudaMalloc(&ws->padded, sizeof(float) * pixels);
-    safe_cudaMalloc(&ws->correlation, sizeof(float) * pixels * kAngleBatch);
+    safe_cudaMalloc(&ws->extended, sizeof(float) * pixels);
     safe_cudaMalloc(&ws->mic_F, sizeof(float2) * spectrum);
     safe_cudaMalloc(&ws->T_F, sizeof(float2) * spectrum);
     safe_cudaMalloc(&ws->cc_F, sizeof(float2) * spectrum * kAngleBatch);
@@ -126,8 +158,8 @@ void prepare_workspace(MatchWorkspace* ws, int nx, int ny, int tnx, int tny) {
     ws->c2r = hcuda_2d_fft_plan(ux, uy, CUFFT_C2R);
     ws->c2r_batch = hcuda_2d_fft_plan_batch(ux, uy, CUFFT_C2R, kAngleBatch);
     ws->has_plans = true;
-    ws->nx = nx;
-    ws->ny = ny;
+    ws->nx = fx;
+    ws->ny = fy;
   }
   const unsigned long template_pixels = static_cast<unsigned long>(tnx) * static_cast<unsigned long>(tny);
   if (ws->rotated_capacity < template_pixels) {
@@ -151,36 +183,39 @@ void check_matching_sizes(int nx, int ny, int tnx, int tny, float ang_start, flo
     PK_FATAL("The angle step %g never takes the angle from %g to %g", ang_step, ang_start, ang_end);
 }
 
-std::size_t image_values(const MatchWorkspace* ws) {
-  return static_cast<std::size_t>(ws->nx) * static_cast<std::size_t>(ws->ny);
-}
-
-// The spectrum of the correlation of mic with the template turned by `degrees` (unscaled sums of
-// products with the origin at pixel 0, once transformed back), into `product`. ws->mic_F holds
-// the image's spectrum. When `keep` is not null the template's spectrum is made there, to be
+// The spectrum of the correlation of the extended image with the template turned by `degrees`
+// (unscaled sums of products with the origin at pixel 0, once transformed back), into
+// `product`. ws->mic_F holds the extended image's spectrum. When `keep` is not null the template's spectrum is made there, to be
 // kept for later micrographs (both places are aligned alike, so the transform is the same);
 // else in ws->T_F.
 void product_at_angle(MatchWorkspace* ws, const float* T, int tnx, int tny, float degrees, float2* keep,
                       float2* product) {
   const unsigned nx = static_cast<unsigned>(ws->nx), ny = static_cast<unsigned>(ws->ny);
   hcuda_2d_rotate(T, ws->rotated, static_cast<unsigned>(tnx), static_cast<unsigned>(tny), degrees);
-  hcuda_x2d_cp_small_to_large_center(ws->padded, ws->rotated, ws->nx, ws->ny, tnx, tny);
+  hcuda_x2d_cp_small_to_large_at(ws->padded, ws->rotated, ws->nx, ws->ny, tnx, tny, 0, 0);
   float2* spectrum = keep != nullptr ? keep : ws->T_F;
   hcuda_2d_fft_exec_r2c(ws->r2c, ws->padded, spectrum);
   hcuda_c2d_multconj_norm(ws->mic_F, spectrum, product, fft_half_width(nx), ny,
                           static_cast<float>(nx) * static_cast<float>(ny));
 }
 
-// The correlation maps of the batch's `count` products: a full batch in one execution, which
-// the host runs on all its cores side by side; the last, short batch of a loop one at a time.
-void inverse_batch(MatchWorkspace* ws, int count, std::size_t spectrum, std::size_t pixels) {
+// The correlation map that the product at ws->cc_F[j] turns into, in place: rows of
+// 2 * (nx / 2 + 1) floats, the first nx of them the map's.
+float* correlation_map(MatchWorkspace* ws, int j) {
+  return reinterpret_cast<float*>(ws->cc_F + static_cast<std::size_t>(j) * spectrum_values(ws));
+}
+
+// The correlation maps of the batch's `count` products, in place: a full batch in one execution,
+// which the host runs on all its cores side by side; the last, short batch of a loop one at a
+// time. In place, the maps are written where the products are still in cache, and no second
+// set of big arrays is touched.
+void inverse_batch(MatchWorkspace* ws, int count) {
   if (count == kAngleBatch) {
-    hcuda_2d_fft_exec_c2r(ws->c2r_batch, ws->cc_F, ws->correlation);
+    hcuda_2d_fft_exec_c2r(ws->c2r_batch, ws->cc_F, correlation_map(ws, 0));
     return;
   }
   for (int j = 0; j < count; ++j)
-    hcuda_2d_fft_exec_c2r(ws->c2r, ws->cc_F + static_cast<std::size_t>(j) * spectrum,
-                          ws->correlation + static_cast<std::size_t>(j) * pixels);
+    hcuda_2d_fft_exec_c2r(ws->c2r, ws->cc_F + static_cast<std::size_t>(j) * spectrum_values(ws), correlation_map(ws, j));
 }
 
 // The products of the image's spectrum with `count` consecutive kept spectra into ws->cc_F, in
@@ -276,18 +311,21 @@ int pickora_ccmax_psi_by_one_template(MatchWorkspace* ws, float* mic, float* mas
   const bool read_kept = kept != nullptr && kept->complete;
   const std::size_t spectrum = spectrum_values(ws);
 
-  hcuda_2d_fft_exec_r2c(ws->r2c, mic, ws->mic_F);
+  // The image repeated from the pixel that the template's corner meets at shift 0, when the
+  // template sits in the middle of the image: the corner of the transform's area.
+  hcuda_2d_periodic_extend(ws->extended, mic, static_cast<unsigned>(ws->nx), static_cast<unsigned>(ws->ny), ux, uy,
+                           static_cast<unsigned>((nx - tnx) / 2), static_cast<unsigned>((ny - tny) / 2));
+  hcuda_2d_fft_exec_r2c(ws->r2c, ws->extended, ws->mic_F);
   // With the map at minus infinity the first angle writes every pixel of both maps.
   hcuda_2d_memset(ccmax, -INFINITY, ux, uy);
-  const std::size_t pixels = image_values(ws);
-  const auto correlation_map = [&](int j) { return ws->correlation + static_cast<std::size_t>(j) * pixels; };
   std::size_t k = 0;  // index of the batch's first angle
   float a = ang_start;
   while (ang_end > a) {
     AngleBatch batch{};
+    batch.pitch = 2 * fft_half_width(static_cast<unsigned>(ws->nx));
     int count = 0;
     for (; count < kAngleBatch && ang_end > a; a = a + ang_step, ++count) {
-      batch.correlation[count] = correlation_map(count);
+      batch.correlation[count] = correlation_map(ws, count);
       batch.degrees[count] = a;
     }
     for (int j = count; j < kAngleBatch; ++j) {
@@ -301,7 +339,7 @@ int pickora_ccmax_psi_by_one_template(MatchWorkspace* ws, float* mic, float* mas
       float2* keep = kept != nullptr ? kept->spectra + (k + j) * spectrum : nullptr;
       if (!read_kept) product_at_angle(ws, T, tnx, tny, batch.degrees[j], keep, ws->cc_F + j * spectrum);
     }
-    inverse_batch(ws, count, spectrum, pixels);
+    inverse_batch(ws, count);
     hcuda_update_ccmax_psi_2d_batch(ccmax, batch, with_psi ? psi : nullptr, nx, ny);
     k += static_cast<std::size_t>(count);
   }
