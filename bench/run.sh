@@ -11,12 +11,14 @@
 # error (-DPICKORA_STEP_TIMES=1; standard output is unchanged), simulates the micrographs with
 # pickora-simulate (the same seed gives the same bytes, so a set is made once and reused),
 # times one forward+inverse FFT pair and the inverse alone at every work size with
-# bench/fft_pair.cpp through the same FFT layer (and once more with a new FFT wisdom file, for
-# the cost of measured planning), runs pickora over several micrographs per run and reports
+# bench/fft_pair.cpp through the same FFT layer, with estimated plans and with plans measured
+# into the bench's own new wisdom file (whose first pairs give the cost of measuring), runs
+# pickora over several micrographs per run and reports
 # seconds per micrograph in steady state, the first micrograph of each run left out and shown
 # apart (it makes the plans and the kept template spectra). Beside the picker as users run it,
-# the 4096 x 4096 set with 8 templates also runs on the plain road (PICKORA_SPECTRA_MIB=0
-# PICKORA_READ_AHEAD=0) and with measured FFT plans (PICKORA_FFTW_WISDOM). Every timed program
+# the 4096 x 4096 set with 8 templates also runs with estimated FFT plans
+# (PICKORA_FFTW_WISDOM=none) and on the plain road (that and PICKORA_SPECTRA_MIB=0
+# PICKORA_READ_AHEAD=0: the picker before its speed-ups). Every timed program
 # runs under /usr/bin/time -v, which gives its peak memory and its own CPU time; with the
 # machine's busy time from /proc/stat that tells how many cores other processes took meanwhile
 # ("other load"), the number to read first on a shared machine. The tables are printed and
@@ -64,13 +66,14 @@ sim_set s4096_t1 --size 4096 --templates 1 --n $big_n
 
 # ---- Cases ----------------------------------------------------------------------------------
 # One case a line: label | set | templates (0: the generated blob) | angle step | speed | road.
-# The road is fast (the picker as users run it), plain (its speed-ups off) or measured (fast,
-# with FFT plans measured once into the bench's wisdom file). A case that repeats an earlier one
+# The road is fast (the picker as users run it: FFT plans measured once into a wisdom file, here
+# the bench's own), estimated (fast, with FFTW's estimated plans) or plain (estimated plans and
+# the other speed-ups off too). A case that repeats an earlier one
 # (same set, options and road) is reported from that run.
 cases=(
   "4096x4096, 8 templates|s4096_t8|8|$base_ang|2|fast"
   "4096x4096, 8 templates, plain road|s4096_t8|8|$base_ang|2|plain"
-  "4096x4096, 8 templates, measured plans|s4096_t8|8|$base_ang|2|measured"
+  "4096x4096, 8 templates, estimated plans|s4096_t8|8|$base_ang|2|estimated"
   "3838x3710, 8 templates|s3838_t8|8|$base_ang|2|fast"
   "1024x1024, 8 templates|s1024_t8|8|$base_ang|2|fast"
   "4096x4096, generated blob|s4096_t8|0|$base_ang|2|fast"
@@ -133,17 +136,13 @@ fft_run() {
 }
 # field FILE N KEY: the value of KEY on the line of size N.
 field() { awk -v n="$2" -v key="$3" '{ for (i = 2; i <= NF; ++i) { split($i, kv, "="); v[kv[1]] = kv[2] } } v["N"] == n { print v[key] }' "$1"; }
-# The floor takes the lower of the two medians: a neighbour's load only ever slows one down.
-fft_ms() {
-  local a b
-  a=$(field "$out/fft_before/stdout.log" "$1" "$2"); b=$(field "$out/fft_after/stdout.log" "$1" "$2")
-  awk -v a="$a" -v b="$b" 'BEGIN { print (a + 0 < b + 0 ? a : b) }'
-}
+# fft_ms ROAD N KEY: the figure of the plans that the road uses.
+fft_ms() { case $1 in fast) field "$out/fft_measured/stdout.log" "$2" "$3" ;; *) field "$out/fft_estimated/stdout.log" "$2" "$3" ;; esac; }
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
-fft_run fft_before
+fft_run fft_estimated PICKORA_FFTW_WISDOM=none
 # Measured plans: the first pair of each size measures them into the new wisdom file, which the
-# measured case then reads.
-fft_run fft_measured PICKORA_FFTW_WISDOM="$wisdom"
+# fast road then reads; after the runs they are timed again, read back.
+fft_run fft_planning PICKORA_FFTW_WISDOM="$wisdom"
 
 # ---- Runs -----------------------------------------------------------------------------------
 # run_case LABEL SET TEMPLATES ANG SPEED ROAD: pickora over the set's micrographs in a folder of
@@ -170,15 +169,16 @@ run_case() {
   local args=(--apixM "$apix" --diameter "$diameter" --min_dist "$diameter" --ang_step "$ang" --speed "$speed")
   [ "$t" = 0 ] || args+=(--T "$data/templates.mrcs")
   case $road in
-    plain) envs+=(PICKORA_SPECTRA_MIB=0 PICKORA_READ_AHEAD=0) ;;
-    measured) envs+=(PICKORA_FFTW_WISDOM="$wisdom") ;;
+    plain) envs+=(PICKORA_SPECTRA_MIB=0 PICKORA_READ_AHEAD=0 PICKORA_FFTW_WISDOM=none) ;;
+    estimated) envs+=(PICKORA_FFTW_WISDOM=none) ;;
+    fast) envs+=(PICKORA_FFTW_WISDOM="$wisdom") ;;
   esac
   timed "$dir" env "${envs[@]}" "$root/$picker" "${args[@]}" "${mics[@]}"
   # Steady state: every micrograph but the first (mic 0). Step groups: reading = the micrograph
   # steps up to the READING line; conditioning = the rest of them; matching = step 27; peaks =
   # the other per-template steps; writing = the steps after the last template (box filter).
   awk -v label="$label" -v work="$(work_size "$set" "$speed")" -v t="$t" -v angles="$(angles_of "$t" "$ang")" \
-      -v rss="$(peak_rss_mib "$dir")" -v others="$(cat "$dir/other_load")" '
+      -v rss="$(peak_rss_mib "$dir")" -v others="$(cat "$dir/other_load")" -v road="$road" '
     $1 != "pickora-step" || $2 == "preparation" { next }
     $3 == 0 { first += $5; next }
     {
@@ -191,9 +191,9 @@ run_case() {
       n = 0; lo = 1e30; hi = 0
       for (m in seen) { n++; if (total[m] < lo) lo = total[m]; if (total[m] > hi) hi = total[m] }
       tot = (sum["read"] + sum["cond"] + sum["match"] + sum["peaks"] + sum["write"]) / n
-      printf "%s\t%d\t%s\t%d\t%d\t%.3f\t%.3f\t%.3f\t%.3f\t%.3f\t%.3f\t%.2f\t%.2f\t%s\t%s\t%.2f\n", label, n, t, angles,
-        work, sum["read"] / n, sum["cond"] / n, sum["match"] / n, sum["peaks"] / n, sum["write"] / n, tot, lo, hi,
-        rss, others, first
+      printf "%s\t%d\t%s\t%d\t%d\t%.3f\t%.3f\t%.3f\t%.3f\t%.3f\t%.3f\t%.2f\t%.2f\t%s\t%s\t%.2f\t%s\n", label, n, t,
+        angles, work, sum["read"] / n, sum["cond"] / n, sum["match"] / n, sum["peaks"] / n, sum["write"] / n, tot, lo,
+        hi, rss, others, first, road
     }' "$dir/stderr.log" >>"$rows"
   echo "$label: $(tail -1 "$rows" | cut -f11) s per micrograph, other load $(cat "$dir/other_load")"
 }
@@ -201,30 +201,26 @@ for c in "${cases[@]}"; do
   IFS='|' read -r label set t ang speed road <<<"$c"
   run_case "$label" "$set" "$t" "$ang" "$speed" "$road"
 done
-fft_run fft_after
+fft_run fft_measured PICKORA_FFTW_WISDOM="$wisdom"
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 
 # ---- Report ---------------------------------------------------------------------------------
 fft_table() {
-  local n
+  local n e=$out/fft_estimated/stdout.log m=$out/fft_measured/stdout.log
   for n in "${sizes[@]}"; do
     printf '| %s | %s (%s, %s) | %s | %s | %s (%s, %s) | %s | %s | %s |\n' "$n" \
-      "$(field "$out/fft_before/stdout.log" "$n" ms_per_pair_median)" \
-      "$(field "$out/fft_before/stdout.log" "$n" ms_per_pair_mean)" "$(field "$out/fft_before/stdout.log" "$n" pairs)" \
-      "$(field "$out/fft_before/stdout.log" "$n" ms_inverse_median)" \
-      "$(field "$out/fft_before/stdout.log" "$n" ms_inverse_batched_median)" \
-      "$(field "$out/fft_after/stdout.log" "$n" ms_per_pair_median)" \
-      "$(field "$out/fft_after/stdout.log" "$n" ms_per_pair_mean)" "$(field "$out/fft_after/stdout.log" "$n" pairs)" \
-      "$(field "$out/fft_after/stdout.log" "$n" ms_inverse_median)" \
-      "$(field "$out/fft_after/stdout.log" "$n" ms_inverse_batched_median)" \
-      "$(field "$out/fft_measured/stdout.log" "$n" ms_inverse_median) (planning $(field "$out/fft_measured/stdout.log" "$n" plan_ms) ms)"
+      "$(field "$e" "$n" ms_per_pair_median)" "$(field "$e" "$n" ms_per_pair_mean)" "$(field "$e" "$n" pairs)" \
+      "$(field "$e" "$n" ms_inverse_median)" "$(field "$e" "$n" ms_inverse_batched_median)" \
+      "$(field "$m" "$n" ms_per_pair_median)" "$(field "$m" "$n" ms_per_pair_mean)" "$(field "$m" "$n" pairs)" \
+      "$(field "$m" "$n" ms_inverse_median)" "$(field "$m" "$n" ms_inverse_batched_median)" \
+      "$(field "$out/fft_planning/stdout.log" "$n" plan_ms)"
   done
-  echo "| other load | $(cat "$out/fft_before/other_load") | | | $(cat "$out/fft_after/other_load") | | | $(cat "$out/fft_measured/other_load") |"
+  echo "| other load | $(cat "$out/fft_estimated/other_load") | | | $(cat "$out/fft_measured/other_load") | | | $(cat "$out/fft_planning/other_load") |"
 }
 case_table() {
-  local label n t angles work read cond match peaks write tot lo hi rss others first
-  while IFS=$'\t' read -r label n t angles work read cond match peaks write tot lo hi rss others first; do
-    awk -v t="$t" -v a="$angles" -v p="$(fft_ms "$work" ms_inverse_batched_median)" -v m="$match" -v rss="$rss" \
+  local label n t angles work read cond match peaks write tot lo hi rss others first road
+  while IFS=$'\t' read -r label n t angles work read cond match peaks write tot lo hi rss others first road; do
+    awk -v t="$t" -v a="$angles" -v p="$(fft_ms "$road" "$work" ms_inverse_batched_median)" -v m="$match" -v rss="$rss" \
         -v others="$others" -v first="$first" \
         -v row="| $label | $n | $([ "$t" = 0 ] && echo blob || echo "$t") | $angles | $work | $read | $cond | $match | $peaks | $write | **$tot** ($lo-$hi) |" \
       'BEGIN { floor = (t == 0 ? 1 : t) * a * p / 1e3; printf "%s %.3f | %.1f | %s | %s | %s |\n", row, floor, m / floor, first, rss, others }'
@@ -256,16 +252,17 @@ step_table() {
   echo
   echo "FFT transforms at each work size (bench/fft_pair.cpp, plans made once), ms, medians: the"
   echo "forward+inverse pair (mean, pairs timed), the inverse alone and per inverse of a batch of 4"
-  echo "run side by side (as matching runs its angles), before and after the runs; then the inverse"
-  echo "with measured plans and the cost of measuring them into a new wisdom file:"
+  echo "run side by side (as matching runs its angles); with estimated plans before the runs, with"
+  echo "measured plans read back from the wisdom file after them; and what measuring them cost:"
   echo
-  echo "| N | pair before | inverse before | batched before | pair after | inverse after | batched after | inverse, measured plans |"
+  echo "| N | pair, estimated | inverse, estimated | batched, estimated | pair, measured | inverse, measured | batched, measured | measuring, ms |"
   echo "|---|---|---|---|---|---|---|---|"
   fft_table
   echo
   echo "Seconds per micrograph, mean over the micrographs after the first (n), from the step timers;"
-  echo "FFT floor = templates x angles x one batched inverse transform at the work size (the lower"
-  echo "median above): with its template spectra kept, that is all matching transforms per angle. First ="
+  echo "FFT floor = templates x angles x one batched inverse transform at the work size (measured"
+  echo "plans for the fast road, estimated for the others): with its template spectra kept, that is"
+  echo "all matching transforms per angle. First ="
   echo "the first micrograph, which also makes the plans and the kept spectra. Peak RSS of the whole"
   echo "run; other load = cores kept busy by other processes during the run."
   echo
