@@ -296,8 +296,6 @@ TEST(FftProducts, MultconjTimesTheConjugateOverD) {
   const std::vector<float2> want = {make_float2(1.0f, 4.5f), make_float2(-2.5f, 3.5f)};
   hcuda_c2d_multconj_norm(d_a, d_b, d_out, 2, 1, 2.0f);
   expect_allclose(d_out.host(), want, 0.0f, "multconj");
-  hcuda_c2d_multconj_norm_inplace(d_a, d_b, 2, 1, 2.0f);
-  expect_allclose(d_a.host(), want, 0.0f, "multconj in place");
 }
 
 TEST(FftSwaps, InPlaceSwapIsHalfRollAndItsOwnInverseForEvenSizes) {
@@ -392,19 +390,6 @@ TEST(FftWeights, LocalAmplitudeWeights) {
   }
 }
 
-TEST(FftStacks, PerImageModulus) {
-  const unsigned nx = 16, ny = 12, n = 3, plane = (nx / 2 + 1) * ny;
-  const float norm = std::sqrt(static_cast<float>(nx * ny));
-  const std::vector<float> stack = random_image(nx * ny * n, 150);
-  const auto amps = stack_amplitudes(stack, nx, ny, n);
-  Dev<float> d_stack(stack), d_out(plane * n);
-  hcuda_2ds_fft_r2c_mod(d_stack, d_out, nx, ny, n);
-  const std::vector<float> mod = d_out.host();
-  for (unsigned i = 0; i < n; ++i)
-    expect_allclose(slice(mod, i, plane), mapped(amps[i], [&](float v) { return v / norm; }), 1e-5f, 1e-5f,
-                    "mod of image " + std::to_string(i));
-}
-
 TEST(FftStacks, AmplitudeAveragesAreWeightedSums) {
   const unsigned nx = 16, ny = 10, nh = nx / 2 + 1, n = 3, plane = nh * ny;
   const int box = 5;
@@ -428,19 +413,6 @@ TEST(FftStacks, AmplitudeAveragesAreWeightedSums) {
       hcuda_2ds_fft_r2c_amp_weighted_ave_log_subbg(d_stack, d_out, nx, ny, n, box, d_w, 3),
       "\033\\[41mError in function hcuda_2ds_fft_r2c_amp_weighted_ave_log_subbg\\(\\), file src/cuda_fft on line "
       "[0-9]+: Unkown FFT amplitude average type! Exit now!\033\\[m");
-}
-
-TEST(FftStacks, BoxesAreCutThenTransformed) {
-  const unsigned nx = 40, ny = 30;
-  const int b = 8, count = 3;
-  const std::vector<float> img = random_image(nx * ny, 170);
-  std::vector<int2> boxes = {make_int2(0, 0), make_int2(13, 7), make_int2(36, 25)};  // the last leaves the image
-  std::vector<float> cut(b * b * count);
-  cpu_2d_extract_smalls_from_large(cut.data(), b, b, count, img.data(), nx, ny, boxes.data());
-  Dev<float> d_img(img), d_cut(cut), d_out((b / 2 + 1) * b * count), d_ref((b / 2 + 1) * b * count);
-  hcuda_2d_boxes_fft_r2c_mod(d_out, boxes.data(), count, b, d_img, nx, ny);
-  hcuda_2ds_fft_r2c_mod(d_cut, d_ref, b, b, count);
-  EXPECT_EQ(d_out.host(), d_ref.host());
 }
 
 TEST(FftStacks, HalfArrayBackgroundSubtraction) {
