@@ -21,12 +21,6 @@ def check_rotation(folder):
     assert turned.shape == (1,) + a.shape, turned.shape
     # A quarter turn from +x toward +y; the border may lose pixels to rounding of cos(90).
     assert np.allclose(turned[0][1:-1, 1:-1], np.rot90(a, -1)[1:-1, 1:-1], atol=1e-5), "quarter turn"
-    want = np.zeros_like(a)  # tx = 0.5, ty = -1, no turn; zero outside
-    want[:-1, 1:] = 0.5 * (a[1:, 1:] + a[1:, :-1])
-    assert np.allclose(read(folder, "shift.mrc")[0], want, atol=1e-6), "translation by (0.5, -1)"
-    want = np.zeros_like(a)  # the record (2, 1) in the forward direction moves the picture by it
-    want[1:, 2:] = a[:-1, :-2]
-    assert np.array_equal(read(folder, "moved.mrc")[0], want), "whole shift by the transform"
 
 
 def check_flips(folder):
@@ -38,27 +32,6 @@ def check_flips(folder):
     for mode, want in expected.items():
         got = read(folder, f"flip{mode}.mrc")
         assert got.shape == want.shape and np.array_equal(got, want), f"flip mode {mode}"
-    assert np.array_equal(read(folder, "swap2ds.mrc"), t), "stack transposition"
-    assert np.array_equal(read(folder, "swap2d.mrc")[0], a[0].T[:, ::-1]), "quarter turn by swap_xy"
-
-
-def check_projections(folder):
-    a = read(folder, "in.mrc")[0]
-    for line in open(f"{folder}/cases.txt"):
-        name, n1, n2, cx, cy, degrees, direction, _ = line.split()
-        n1, n2, direction, cx, cy = int(n1), int(n2), int(direction), float(cx), float(cy)
-        got = read(folder, f"{name}.mrc")
-        assert got.shape == (1, 1, n1), (name, got.shape)
-        if direction not in (1, -1):  # the plain column sums of the rectangle
-            cols = (cx + np.arange(n1) - (n1 - 1) / 2).astype(int)
-            rows = (cy + np.arange(n2) - (n2 - 1) / 2).astype(int)
-            want = a[np.ix_(rows, cols)].sum(axis=0)
-        else:  # a quarter turn: row sums, in reverse order for direction 1
-            assert float(degrees) == 90.0 and n1 % 2
-            rows = (cy + np.rint(np.arange(n1) - (n1 - 1) / 2)).astype(int)
-            cols = (cx + np.arange(n2) - (n2 - 1) / 2).astype(int)
-            want = a[np.ix_(rows, cols)].sum(axis=1)[::-direction]
-        assert np.allclose(got[0, 0], want, atol=1e-4), (name, got[0, 0], want)
 
 
 def check_hotpixels(folder):
@@ -87,7 +60,6 @@ def check_spectra(folder):
     weights = np.bincount(i[keep], 1 - e[keep], nxh + 1) + np.bincount(i[keep] + 1, e[keep], nxh + 1)
     assert np.allclose(read(folder, "average.mrc")[0, 0], (sums / weights)[:nxh], rtol=1e-5), "rotational average"
     rc = np.float32(2 * (nxh - 1)) * np.float32(1.0) / np.float32(4.0)
-    assert np.array_equal(read(folder, "zero.mrc")[0], np.where(f < rc, 0, a)), "zeroed low frequencies"
     damped = a * np.where(f < rc, np.exp(-((rc - f) ** 2) / (2 * (rc / 3) ** 2)), 1.0)
     assert np.allclose(read(folder, "smooth_device.mrc")[0], damped, rtol=1e-5), "device damping"
     damped[ny // 2, 0] = 0
