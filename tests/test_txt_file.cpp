@@ -1,4 +1,4 @@
-// Text lines, splitting, keywords, file names and name tables.
+// Text lines, splitting, keywords and file names.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -85,21 +85,12 @@ TEST(Split, InPlaceForms) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error in function strnsplit()!Memory for 'dest' not allocated.\n");
 }
 
-TEST(Lines, LongLinesAreReadInPiecesOrCut) {
+TEST(Lines, LongLinesAreCut) {
   const std::string exact(1023, 'e');
   TempFile f(std::string(1500, 'a') + "\nsecond\n" + exact + "\nlast");
   FILE* fp = std::fopen(f.path.c_str(), "r");
   char line[PICKORA_LINE_LEN];
-  const auto piece = [&] {  // what the call gave, then the line: the call comes first
-    const int status = read_one_line(line, fp);
-    return std::to_string(status) + ":" + line;
-  };
-  EXPECT_EQ(piece(), "0:" + std::string(1023, 'a'));
-  EXPECT_EQ(piece(), "0:" + std::string(477, 'a') + "\n");
-  EXPECT_EQ(piece(), "0:second\n");
-
   // The whole-line form drops the rest of a long line and says so.
-  std::rewind(fp);
   bool cut = true;
   const auto whole = [&] {
     const int more = read_whole_line(line, fp, &cut);
@@ -111,9 +102,6 @@ TEST(Lines, LongLinesAreReadInPiecesOrCut) {
   EXPECT_EQ(read_whole_line(line, fp, nullptr), 1);
   EXPECT_STREQ(line, "last");
   EXPECT_EQ(whole().substr(0, 2), "0:");
-  std::memset(line, 'z', sizeof line);
-  EXPECT_EQ(read_one_line(line, fp), 0);  // end of file: an empty line
-  for (char c : line) ASSERT_EQ(c, '\0');
   EXPECT_EQ(next_text_line(line, fp), 0);
   std::fclose(fp);
 }
@@ -128,30 +116,6 @@ TEST(Search, OffsetOfMatchingLine) {
   EXPECT_STREQ(line, "Processing done successfully\n");
   EXPECT_EQ(FILE_find_str_line(fp, "delta"), -1);
   std::fclose(fp);
-}
-
-// Name tables: rows of one block, cleared as one.
-TEST(Arrays, RowsOfOneBlockAndBadSizes) {
-  const int rows = 4;
-  char** names = strmalloc2d(rows, PICKORA_NAME_LEN);
-  ASSERT_NE(names, nullptr);
-  EXPECT_EQ(names[3] - names[0], 3 * PICKORA_NAME_LEN);
-  std::memset(names[0], 'n', rows * PICKORA_NAME_LEN);
-  EXPECT_EQ(empty2d_array(names, rows, PICKORA_NAME_LEN, 1), 0);
-  EXPECT_EQ(std::string(names[0], rows * PICKORA_NAME_LEN), std::string(rows * PICKORA_NAME_LEN, '\0'));
-  free2d(names);
-
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(malloc2d(-1, 4, 4), nullptr);
-  EXPECT_EQ(malloc2d(0, 4, 4), nullptr);
-  EXPECT_EQ(malloc2d(65536, 65536, 1), nullptr);  // 4 GiB of data: wraps a 32-bit size
-  EXPECT_EQ(malloc2d(1 << 20, 1 << 20, 1 << 20), nullptr);
-  EXPECT_EQ(malloc2d(1, 0x7fffffff, 1), nullptr);  // the row pointer pushes it to 2 GiB
-  EXPECT_EQ(strmalloc2d(-3, 1024), nullptr);
-  std::string expected;
-  for (int i = 0; i < 6; ++i) expected += "Function 'malloc()' error in 'malloc2d()' ! Not enough memory!\n";
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), expected);
-  EXPECT_EQ(empty2d_array(nullptr, 1, 1, 1), -1);
 }
 
 }  // namespace
