@@ -62,29 +62,24 @@ struct Patch {
 
 // One identity operator gives the image's rectangle back (0 where it leaves the image), on both
 // roads; a second operator that misses the image halves every pixel, a mask of 0.5 halves it
-// again and a mask of 0 gives nothing; the replace form pastes the patch, dropping what leaves.
+// again and a mask of 0 gives nothing.
 TEST(NcsAverage, PatchGeometryMaskAndReplace) {
   const unsigned nx = 20, ny = 12, mnx = 8, mny = 6;
   const auto image = random_image(nx * ny, 1);
-  std::vector<float> mask(mnx * mny, 1.0f), host(mnx * mny), dev(mnx * mny), half(mnx * mny), pasted(nx * ny),
-      window(mnx * mny, 0.0f), want = image;
+  std::vector<float> mask(mnx * mny, 1.0f), host(mnx * mny), dev(mnx * mny), half(mnx * mny), window(mnx * mny, 0.0f);
   const RT_Mat2D ops[2] = {rtmat2d_identity(), RT_Mat2D{1, 0, 0, 1, 50.0f, 0}};
   testing::internal::CaptureStdout();
   cpu_2d_ncs_average(host.data(), ops, 1, mnx, mny, 15.0f, 9.0f, image.data(), nx, ny, 9.5f, 5.5f, mask.data());
   gpu_2d_ncs_average(dev.data(), ops, 1, mnx, mny, 15.0f, 9.0f, image.data(), nx, ny, 9.5f, 5.5f, mask.data());
   mask[1] = 0.5f, mask[2] = 0.0f;
   cpu_2d_ncs_average(half.data(), ops, 2, mnx, mny, 2.0f, 3.0f, image.data(), nx, ny, 9.5f, 5.5f, mask.data());
-  cpu_2d_ncs_average_replace(pasted.data(), ops, 1, mnx, mny, 16, 8, image.data(), nx, ny, 9.5f, 5.5f, mask.data());
   EXPECT_NE(testing::internal::GetCapturedStdout().find("  1.000000  0.000000  0.000000  1.000000  0.000000  0.000000"),
             std::string::npos);
   for (unsigned j = 0; j < mny; ++j)
-    for (unsigned i = 0; i < mnx; ++i) {
+    for (unsigned i = 0; i < mnx; ++i)
       if (15 + i < nx && 9 + j < ny) window[j * mnx + i] = image[(9 + j) * nx + 15 + i];
-      if (16 + i < nx && 8 + j < ny) want[(8 + j) * nx + 16 + i] *= mask[j * mnx + i];
-    }
   EXPECT_EQ(host, window);
   EXPECT_EQ(dev, window);
-  EXPECT_EQ(pasted, want);
   EXPECT_FLOAT_EQ(half[0], image[3 * nx + 2] / 2.0f);
   EXPECT_FLOAT_EQ(half[1], image[3 * nx + 3] * 0.5f / 2.0f);
   EXPECT_EQ(half[2], 0.0f);
@@ -112,21 +107,18 @@ TEST(NcsAverage, SymmetryAverageBeatsEveryNoisyCopy) {
   EXPECT_GT(averaged, 0.6f);
 }
 
-TEST(NcsCorrelation, OwnPatchIsOneAndDeviceAgrees) {
+TEST(NcsCorrelation, OwnPatchIsOneAndCopiesAreNearlyOne) {
   const std::vector<RT_Mat2D> ops = {rotation(0), rotation(120), rotation(240), rotation(60)};
   const auto image = symmetric_image({ops[0], ops[1], ops[2]});
   Patch p;
   for (unsigned j = 0; j < p.mny; ++j) p.mask[j * p.mnx] = 0.25f;  // a soft edge
   const auto ref = p.one(ops[0], image);
-  std::vector<float> host(4), dev(4);
-  cpu_2d_ncs_cccs(host.data(), ref.data(), ops.data(), 4, p.mnx, p.mny, p.ox, p.oy, image.data(), kN, kN, kC, kC,
+  std::vector<float> ccc(4);
+  gpu_2d_ncs_cccs(ccc.data(), ref.data(), ops.data(), 4, p.mnx, p.mny, p.ox, p.oy, image.data(), kN, kN, kC, kC,
                   p.mask.data());
-  gpu_2d_ncs_cccs(dev.data(), ref.data(), ops.data(), 4, p.mnx, p.mny, p.ox, p.oy, image.data(), kN, kN, kC, kC,
-                  p.mask.data());
-  EXPECT_NEAR(host[0], 1.0f, 1e-5f);
-  EXPECT_GT(std::fmin(host[1], host[2]), 0.95f);  // the symmetry copies, up to the resampling
-  EXPECT_LT(host[3], 0.5f);                       // not a symmetry of the image
-  for (int s = 0; s < 4; ++s) EXPECT_NEAR(host[s], dev[s], 1e-6f) << s;
+  EXPECT_NEAR(ccc[0], 1.0f, 1e-5f);
+  EXPECT_GT(std::fmin(ccc[1], ccc[2]), 0.95f);  // the symmetry copies, up to the resampling
+  EXPECT_LT(ccc[3], 0.5f);                      // not a symmetry of the image
   p.mask[5] = 1.5f;
   EXPECT_EXIT_REPORT(p.one(ops[0], image), "i,j = 5 0  1.500000\n.*Mask value must range from 0 to 1.0! Exit now!");
 }
