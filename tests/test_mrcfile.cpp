@@ -333,28 +333,6 @@ TEST(MrcWrite, HeadFieldSetters) {
   EXPECT_EQ(std::memcmp(bytes.data(), &h, 1024), 0);  // written unchanged
 }
 
-TEST(MrcWrite, AppendingImages) {
-  TempDir dir;
-  const std::string path = dir.file("stack.mrcs");
-  auto first = ramp(6);
-  mrcf_write_xyz_data(path.c_str(), first.data(), 3, 2, 1);
-  MRC_HEAD before;
-  mrcf_read_head(path.c_str(), &before);
-  auto more = ramp(12, 10.0f);
-  mrcf_add_xyz_data(path.c_str(), more.data(), 3, 2, 2);
-  {
-    OpenMrc m(path);
-    std::vector<float> slice(6);
-    mrc_read_slice(m.f, &m.h, 2, 'z', slice.data());
-    // Statistics are those of the first images.
-    EXPECT_EQ(std::vector<float>({float(m.h.nz), float(mrc_check_fsize(m.f, &m.h)), m.h.amax, slice[0]}),
-              std::vector<float>({3, 0, before.amax, more[6]}));
-  }
-  const auto bytes = read_binary_file(path);
-  EXPECT_EXIT_REPORT(mrcf_add_xyz_data(path.c_str(), more.data(), 2, 3, 1), "");
-  EXPECT_EQ(read_binary_file(path), bytes);  // the file stays as it was
-}
-
 TEST(MrcWrite, UpdateHeadRecomputesStatistics) {
   TempDir dir;
   const std::string path = dir.file("u.mrc");
@@ -391,9 +369,10 @@ TEST(MrcWrite, UpdateHeadRecomputesStatistics) {
   EXPECT_EQ(back, want);
 }
 
-// Every other way in and out of a file agrees with the plain writer and reader: the stream,
-// managed and device writers give the same bytes, and the head, size and sub-area readers give
-// what was written. 5 x 3 x 2, so that a swap of any two sizes shows.
+// Every other way in and out of a file agrees with the plain writer and reader: the device
+// writers, slices placed by number and the head copied through the pair openers give the same
+// bytes, and the size, managed and sub-area readers give what was written. 5 x 3 x 2, so that a
+// swap of any two sizes shows.
 TEST(MrcRoundTrip, EveryWriterAndReaderAgrees) {
   TempDir dir;
   const int nx = 5, ny = 3, nz = 2, n = nx * ny * nz;
@@ -403,39 +382,20 @@ TEST(MrcRoundTrip, EveryWriterAndReaderAgrees) {
   mrcf_write_xyz_data(ref.c_str(), data.data(), nx, ny, nz);
   const std::vector<unsigned char> want = read_binary_file(ref);
   EXPECT_EQ(want.size(), 1024u + n * 4u);
-  float* managed = nullptr;
-  ASSERT_EQ(cudaMallocManaged(reinterpret_cast<void**>(&managed), n * sizeof(float), cudaMemAttachGlobal), cudaSuccess);
-  std::copy(data.begin(), data.end(), managed);
   float* device = to_device(data);
-  DeviceFrees frees(managed, device);
+  DeviceFrees frees(device);
   MRC_HEAD head;
   auto fresh_head = [&] {
     mrc_init_head(&head);
     mrc_set_head_xyz_mmmm(&head, nx, ny, nz, 0.0f, 0.0f, 0.0f, MRC_MODE_FLOAT);
     return &head;
   };
-  auto through_stream = [&](auto write) {
-    FILE* f = std::fopen(out.c_str(), "w+");
-    write(f);
-    std::fclose(f);
-  };
   const struct {
     const char* what;
     std::function<void()> write;
   } writers[] = {
-      {"managed by path", [&] { mrcf_write_xyz_zdata(out.c_str(), managed, nx, ny, nz); }},
       {"device by path, sizes", [&] { mrcf_write_xyz_ddata(out.c_str(), device, nx, ny, nz); }},
       {"device by path", [&] { EXPECT_EQ(mrcf_write_head_ddata(out.c_str(), fresh_head(), device), 0); }},
-      {"managed stream", [&] { through_stream([&](FILE* f) { mrc_write_head_zdata(f, fresh_head(), managed); }); }},
-      {"device stream", [&] { through_stream([&](FILE* f) { mrc_write_head_ddata(f, fresh_head(), device); }); }},
-      {"new file, slices added", [&] {
-         fresh_head();
-         mrc_set_head_mmm_from_data(&head, data.data(), n);
-         mrc_new_file(out.c_str(), &head);
-         FILE* f = std::fopen(out.c_str(), "r+");
-         for (int z = 0; z < nz; ++z) mrc_add_slice(f, &head, data.data() + z * nx * ny);
-         std::fclose(f);
-       }},
       {"slices placed by number", [&] {
          fresh_head();
          mrc_set_head_mmm_from_data(&head, data.data(), n);
@@ -443,14 +403,6 @@ TEST(MrcRoundTrip, EveryWriterAndReaderAgrees) {
          FILE* f = std::fopen(out.c_str(), "r+");
          for (int z = nz - 1; z >= 0; --z) mrc_add_sliceN(f, &head, data.data() + z * nx * ny, z);
          std::fclose(f);
-       }},
-      {"head replaced", [&] {
-         mrcf_write_xyz_data(out.c_str(), data.data(), nx, ny, nz);
-         MRC_HEAD* h = mrcf_get_head(ref.c_str());
-         mrc_replace_head(out.c_str(), fresh_head());
-         EXPECT_NE(read_binary_file(out), want);
-         mrc_replace_head(out.c_str(), h);
-         mrc_delete_head(h);
        }},
       {"head copied through io", [&] {
          FILE *in = nullptr, *o = nullptr;
@@ -500,32 +452,15 @@ TEST(MrcRoundTrip, EveryWriterAndReaderAgrees) {
   x = y = 0;
   EXPECT_EQ(get_mrcf_xy(x, y, ref.c_str()), 0);
   EXPECT_EQ(std::vector<int>({x, y}), std::vector<int>({nx, ny}));
-  EXPECT_STREQ(mrcf_get_head_mode(ref.c_str()), "Float");
-  EXPECT_EQ(mrcf_check_head(ref.c_str()), 0);
-  for (float* got : {mrcf_get_zdata_all(ref.c_str()), [&] {
-                       float* r = nullptr;
-                       mrcf_get_zdata_all2(&r, ref.c_str());
-                       return r;
-                     }()}) {
-    EXPECT_EQ(std::vector<float>(got, got + n), data);
-    cudaFree(got);
-  }
-  std::vector<float> back(n, -9.0f);
-  EXPECT_EQ(mrcf_read_head_data_check_xy(ref.c_str(), &head, back.data(), nx, ny), 0);
-  EXPECT_EQ(back, data);
-  EXPECT_EQ(mrcf_read_head_data_check_xyz(ref.c_str(), &head, back.data(), ny, nx, nz), -1);
-  EXPECT_EQ(mrcf_read_head_data_check_xyz(ref.c_str(), &head, back.data(), nx, ny, nz), 0);
+  float* managed = mrcf_get_zdata_all(ref.c_str());
+  EXPECT_EQ(std::vector<float>(managed, managed + n), data);
+  cudaFree(managed);
 
   OpenMrc m(ref);
-  EXPECT_EQ(get_file_size(m.f), long(1024 + n * 4));
-  std::vector<float> area(6, -9.0f), area_z(6, -9.0f);
-  mrc_2d_read_sub_area(m.f, &m.h, area.data(), 2, 1, 3, 2);
-  mrc_read_sub_area(m.f, &m.h, area_z.data(), 2, 1, 1, 3, 2, 1);
+  std::vector<float> area(6, -9.0f);
+  mrc_read_sub_area(m.f, &m.h, area.data(), 2, 1, 1, 3, 2, 1);
   for (int j = 0; j < 2; ++j)
-    for (int i = 0; i < 3; ++i) {
-      EXPECT_EQ(area[j * 3 + i], data[(1 + j) * nx + 2 + i]);
-      EXPECT_EQ(area_z[j * 3 + i], data[nx * ny + (1 + j) * nx + 2 + i]);
-    }
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(area[j * 3 + i], data[nx * ny + (1 + j) * nx + 2 + i]);
   for (auto box : {std::vector<int>{3, 1, 0, 3, 2, 1}, {2, 2, 0, 3, 2, 1}, {0, 0, 1, 1, 1, 2}, {-1, 0, 0, 1, 1, 1}, {0, 0, 0, 1, 1, -1}})
     EXPECT_THROW(mrc_read_sub_area(m.f, &m.h, area.data(), box[0], box[1], box[2], box[3], box[4], box[5]),
                  pickora::FatalError);
