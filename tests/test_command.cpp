@@ -346,28 +346,22 @@ TEST(RunSizes, WorkImageGridAndTemplateFit) {
   EXPECT_EXIT_REPORT(pickora_check_template_fits(10, 65, 64), "");
 }
 
-TEST(OutputNames, CandidateNameAndDoneTest) {
+// Whether a micrograph counts as done: Command.DoUnfinishedSkipsAMicrographWithItsBox, both ways.
+TEST(OutputNames, CandidateNameInTheMicrographsFolderForEitherSuffix) {
   char out[1024];
   set_name_shrinked_box(out, "dir/mic_01.mrc", 4);
   EXPECT_STREQ(out, "dir/mic_01_nonunique.box");
   set_name_shrinked_box(out, "stack.mrcs", 8);
   EXPECT_STREQ(out, "stack_nonunique.box");
-
-  TempDir dir;
-  const std::string done = dir.file("x_pickora.star");
-  EXPECT_EQ(is_file_pickora_done(done.c_str()), 0);
-  std::ofstream(done) << "data_\n";
-  EXPECT_EQ(is_file_pickora_done(done.c_str()), 1);
 }
 
-TEST(Tips, IndexInRangeListFormAndHelpExit) {
+// The help that ends a run without micrographs: Command.UsageAndHelp.
+TEST(Tips, IndexInRangeAndListForm) {
   for (long t : {0L, 1700000001L})
     EXPECT_LT(static_cast<unsigned>(pickora_tip_index(t)), static_cast<unsigned>(PICKORA_NTIPS)) << t;
   EXPECT_STREQ(PICKORA_ALL_TIPS[PICKORA_NTIPS - 1], "");
   for (int k = 0; k + 1 < PICKORA_NTIPS; ++k)
     EXPECT_EQ(std::string(PICKORA_ALL_TIPS[k]).rfind("\033[1m Tips\033[m: ", 0), 0u) << k;
-  char name[] = "pickora";
-  EXPECT_EXIT_REPORT(pickora_help_exit(name, "why"), "Basic options:");
 }
 
 // ---------------------------------------------------------------------------------------------
