@@ -21,10 +21,10 @@
 #include "host_cufft.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <fftw3.h>
 #include <omp.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
