@@ -37,16 +37,22 @@ TEST(FftWisdom, MeasuredPlansAreKeptInTheCacheOrTheNamedFileAndAForeignFileIsLef
   const std::string wisdom = dir.file("fftw.wisdom"), notes = dir.file("notes.txt");
   setenv("PICKORA_FFTW_WISDOM", "none", 1);
   const std::vector<float2> estimated = forward(40);
+  const auto expect_estimated = [&](const char* what) {
+    const std::vector<float2> got = forward(40);
+    ASSERT_EQ(got.size(), estimated.size()) << what;
+    for (size_t i = 0; i < estimated.size(); ++i) {
+      ASSERT_EQ(got[i].x, estimated[i].x) << what << " " << i;
+      ASSERT_EQ(got[i].y, estimated[i].y) << what << " " << i;
+    }
+  };
   // A file that is not wisdom is left alone, and the plan is estimated as without one.
   write_file_text(notes, "my notes\n");
   setenv("PICKORA_FFTW_WISDOM", notes.c_str(), 1);
-  const std::vector<float2> beside_notes = forward(40);
+  expect_estimated("beside notes");
   EXPECT_EQ(read_file_text(notes), "my notes\n");
-  ASSERT_EQ(beside_notes.size(), estimated.size());
-  for (size_t i = 0; i < estimated.size(); ++i) {
-    ASSERT_EQ(beside_notes[i].x, estimated[i].x) << i;
-    ASSERT_EQ(beside_notes[i].y, estimated[i].y) << i;
-  }
+  // Nor is anything measured where the wisdom cannot be saved.
+  setenv("PICKORA_FFTW_WISDOM", dir.file("missing/fftw.wisdom").c_str(), 1);
+  expect_estimated("unwritable");
 
   setenv("PICKORA_FFTW_WISDOM", wisdom.c_str(), 1);
   forward(48);
