@@ -60,7 +60,8 @@ PICKORA_HD inline void cuda_2d_rotate(unsigned x, unsigned y, const float* src, 
 
 // One pixel (x, y) of the small image to column x0 + x and row y0 + y of the large one.
 PICKORA_HD inline void cuda_x2d_cp_small_to_large_at(unsigned x, unsigned y, float* large, const float* small,
-                                                     int large_nx, int small_nx, int small_ny, unsigned x0, unsigned y0) {
+                                                     int large_nx, int small_nx, int small_ny, unsigned x0,
+                                                     unsigned y0) {
   if (x >= (unsigned)small_nx || y >= (unsigned)small_ny) return;
   large[(y0 + y) * (unsigned)large_nx + x0 + x] = small[y * (unsigned)small_nx + x];
 }

@@ -185,9 +185,9 @@ void check_matching_sizes(int nx, int ny, int tnx, int tny, float ang_start, flo
 
 // The spectrum of the correlation of the extended image with the template turned by `degrees`
 // (unscaled sums of products with the origin at pixel 0, once transformed back), into
-// `product`. ws->mic_F holds the extended image's spectrum. When `keep` is not null the template's spectrum is made there, to be
-// kept for later micrographs (both places are aligned alike, so the transform is the same);
-// else in ws->T_F.
+// `product`. ws->mic_F holds the extended image's spectrum. When `keep` is not null the
+// template's spectrum is made there, to be kept for later micrographs (both places are aligned
+// alike, so the transform is the same); else in ws->T_F.
 void product_at_angle(MatchWorkspace* ws, const float* T, int tnx, int tny, float degrees, float2* keep,
                       float2* product) {
   const unsigned nx = static_cast<unsigned>(ws->nx), ny = static_cast<unsigned>(ws->ny);
@@ -214,8 +214,10 @@ void inverse_batch(MatchWorkspace* ws, int count) {
     hcuda_2d_fft_exec_c2r(ws->c2r_batch, ws->cc_F, correlation_map(ws, 0));
     return;
   }
-  for (int j = 0; j < count; ++j)
-    hcuda_2d_fft_exec_c2r(ws->c2r, ws->cc_F + static_cast<std::size_t>(j) * spectrum_values(ws), correlation_map(ws, j));
+  for (int j = 0; j < count; ++j) {
+    float2* product = ws->cc_F + static_cast<std::size_t>(j) * spectrum_values(ws);
+    hcuda_2d_fft_exec_c2r(ws->c2r, product, correlation_map(ws, j));
+  }
 }
 
 // The products of the image's spectrum with `count` consecutive kept spectra into ws->cc_F, in
